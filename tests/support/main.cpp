@@ -1,0 +1,35 @@
+// Start of every test program. Each process works in a directory of its own below run/, so that a
+// build whose debug hooks write leaves one message log a process.
+#include <gtest/gtest.h>
+
+#ifdef VELT_DEBUG_LOG
+#include <filesystem>
+#include <string>
+#include <unistd.h>
+#ifndef VELT_THROUGH_MODULE
+#include "src/front/debug.h"
+#endif
+
+static void enterOwnDirectory()
+{
+    const std::filesystem::path own =
+        std::filesystem::path(VELT_BINARY_DIR) / "run" / std::to_string(getpid());
+    std::filesystem::remove_all(own);
+    std::filesystem::create_directories(own);
+    std::filesystem::current_path(own);
+#ifndef VELT_THROUGH_MODULE
+    VELT_PKCS11_InitDebug();
+#endif
+}
+#endif
+
+int main(int argc, char** argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+#ifdef VELT_DEBUG_LOG
+    if (!GTEST_FLAG_GET(list_tests)) {
+        enterOwnDirectory();
+    }
+#endif
+    return RUN_ALL_TESTS();
+}
