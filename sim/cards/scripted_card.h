@@ -23,7 +23,7 @@ class ScriptedCard final : public Card {
 public:
     ScriptedCard(Bytes atrBytes, unsigned long protocolNumber, std::vector<Step> steps = {});
 
-    void expect(Bytes command, Bytes reply);        // appends a step
+    void expect(Bytes command, Bytes reply);                       // appends a step
     void expect(std::string_view command, std::string_view reply); // the same in hexadecimal
 
     // Empty if every step was played and nothing else was asked; otherwise what went wrong first.

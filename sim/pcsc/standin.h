@@ -39,27 +39,27 @@ struct StateRecord {
 // One call, with what went in and what came out.
 struct Call {
     Function function = Function::Other;
-    long result = 0;              // as returned to the caller
-    unsigned long context = 0;    // given, or handed out by EstablishContext
-    unsigned long card = 0;       // card handle given, or handed out by Connect
-    std::string reader;           // Connect: the name; Transmit, Disconnect: the handle's reader
-    unsigned long scope = 0;      // EstablishContext
-    unsigned long shareMode = 0;  // Connect
-    unsigned long protocols = 0;  // Connect: preferred; Transmit: the protocol in the send PCI
-    unsigned long disposition = 0; // Disconnect
-    unsigned long timeout = 0;    // GetStatusChange
-    bool bufferGiven = false;     // ListReaders: a name buffer; Transmit: a receive PCI
-    unsigned long capacity = 0;   // ListReaders, Transmit: the length on entry
-    Bytes sent;                   // Transmit: the command
-    Bytes received;               // Transmit: the bytes put into the caller's buffer
+    long result = 0;                 // as returned to the caller
+    unsigned long context = 0;       // given, or handed out by EstablishContext
+    unsigned long card = 0;          // card handle given, or handed out by Connect
+    std::string reader;              // Connect: the name; Transmit, Disconnect: the handle's reader
+    unsigned long scope = 0;         // EstablishContext
+    unsigned long shareMode = 0;     // Connect
+    unsigned long protocols = 0;     // Connect: preferred; Transmit: the protocol in the send PCI
+    unsigned long disposition = 0;   // Disconnect
+    unsigned long timeout = 0;       // GetStatusChange
+    bool bufferGiven = false;        // ListReaders: a name buffer; Transmit: a receive PCI
+    unsigned long capacity = 0;      // ListReaders, Transmit: the length on entry
+    Bytes sent;                      // Transmit: the command
+    Bytes received;                  // Transmit: the bytes put into the caller's buffer
     std::vector<StateRecord> states; // GetStatusChange
 };
 
 // What happens instead of, or around, one call. Fields left out change nothing.
 struct Action {
-    std::function<void()> before;           // runs first (for example: removes the card)
-    std::optional<long> result;             // the call is not carried out and returns this
-    std::optional<Bytes> reply;             // Transmit: returned verbatim, the card is not asked
+    std::function<void()> before;             // runs first (for example: removes the card)
+    std::optional<long> result;               // the call is not carried out and returns this
+    std::optional<Bytes> reply;               // Transmit: returned verbatim, the card is not asked
     std::function<Bytes(const Bytes&)> alter; // Transmit: changes the card's reply
 };
 
