@@ -38,7 +38,8 @@ std::uint64_t fVELTTokensInit(TokenDriver* table, std::uint64_t tokenType) noexc
 inline constexpr std::uint64_t STRINDEX_NOT_FOUND = 0xFFFFFFFF;
 
 // Position of the first occurrence of needle in haystack, or STRINDEX_NOT_FOUND; an empty needle is
-// never found. Nothing behind either length is read.
+// never found. Only the position is bounded by haystackLen: an occurrence may end behind it, so
+// needleLen - 1 bytes must be readable there.
 std::uint64_t strindex(const std::uint8_t* haystack, std::uint64_t haystackLen,
                        const std::uint8_t* needle, std::uint64_t needleLen) noexcept;
 
