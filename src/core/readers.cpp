@@ -298,7 +298,7 @@ CK_RV VELT_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID* pSlotList, CK_ULONG* p
         const LONG result = SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &hSC);
         if (result != SCARD_S_SUCCESS) {
             return report("Failed SCardEstablishContext: CKR_FUNCTION_FAILED",
-                          static_cast<std::uint64_t>(result), CK_RV{CKR_FUNCTION_FAILED});
+                          static_cast<std::uint64_t>(result), CKR_FUNCTION_FAILED);
         }
     }
     probePlugAndPlay();
@@ -306,7 +306,7 @@ CK_RV VELT_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID* pSlotList, CK_ULONG* p
     oiFlags |= RELOAD_OBJECTS;
     if (refreshed != 0) {
         return report("UpdateSlotsStates return error: ", static_cast<std::uint64_t>(refreshed),
-                      CK_RV{CKR_DEVICE_ERROR});
+                      CKR_DEVICE_ERROR);
     }
     const bool onlyWithToken = tokenPresent != 0;
     if (pSlotList != nullptr) {
@@ -315,24 +315,24 @@ CK_RV VELT_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID* pSlotList, CK_ULONG* p
     const auto recognised = static_cast<CK_ULONG>(rwtCount);
     if (onlyWithToken && *pulCount < recognised) {
         *pulCount = recognised;
-        return report("GetSlotList CKR_OK 1", CK_RV{CKR_OK}); // Kept: not CKR_BUFFER_TOO_SMALL.
+        return report("GetSlotList CKR_OK 1", CKR_OK); // Kept: not CKR_BUFFER_TOO_SMALL.
     }
     const auto readers = static_cast<CK_ULONG>(rCount);
     *pulCount = onlyWithToken ? recognised : readers;
     note("GetSlotList rCount=", readers);
     oiFlags |= RELOAD_OBJECTS;
-    return report("GetSlotList CKR_OK", CK_RV{CKR_OK});
+    return report("GetSlotList CKR_OK", CKR_OK);
 }
 
 CK_RV VELT_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO* pInfo) noexcept
 {
     if (pInfo == nullptr) {
-        return report("GetSlotInfo CKR_ARGUMENTS_BAD", CK_RV{CKR_ARGUMENTS_BAD});
+        return report("GetSlotInfo CKR_ARGUMENTS_BAD", CKR_ARGUMENTS_BAD);
     }
     if (!velt::isReaderSlot(slotID) || slotID >= tableEntries) {
         note("GetSlotInfo slotID=", slotID);
         note("GetSlotInfo slots Count=", static_cast<std::uint64_t>(rCount));
-        return report("GetSlotInfo CKR_SLOT_ID_INVALID ", CK_RV{CKR_SLOT_ID_INVALID});
+        return report("GetSlotInfo CKR_SLOT_ID_INVALID ", CKR_SLOT_ID_INVALID);
     }
     describeReader(velt::readerName(slotID), *pInfo);
     note("GetSlotInfo - 3");
@@ -340,7 +340,7 @@ CK_RV VELT_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO* pInfo) noexcept
     note("GetSlotInfo - 4");
     pInfo->hardwareVersion = {1, 0};
     pInfo->firmwareVersion = {1, 0};
-    return report("GetSlotInfo CKR_OK", CK_RV{CKR_OK});
+    return report("GetSlotInfo CKR_OK", CKR_OK);
 }
 
 namespace velt {

@@ -95,10 +95,10 @@ CK_RV loadToken(CK_SESSION_HANDLE hSession, std::uint8_t tokenType) noexcept
         return loaded;
     }
     if (stVELTTokens.type != tokenType && fVELTTokensInit(&stVELTTokens, tokenType) != 0) {
-        return report("OpenSession CKR_FUNCTION_FAILED", CK_RV{CKR_FUNCTION_FAILED});
+        return report("OpenSession CKR_FUNCTION_FAILED", CKR_FUNCTION_FAILED);
     }
     note("OpenSession Session number=", hSession);
-    return report("OpenSession CKR_OK", CK_RV{CKR_OK});
+    return report("OpenSession CKR_OK", CKR_OK);
 }
 
 bool tokenIsIdCardWithOtherPinLength(CK_SLOT_ID slotID, CK_ULONG ulPinLen) noexcept
@@ -116,7 +116,7 @@ CK_RV verifyUser(SessionEntry& session, CK_SESSION_HANDLE hSession, CK_UTF8CHAR*
     }
     session.loginState = LOGGED_IN;
     session.state = userState(session);
-    return report("Login CKR_OK", CK_RV{CKR_OK});
+    return report("Login CKR_OK", CKR_OK);
 }
 
 } // namespace
@@ -126,15 +126,15 @@ CK_RV VELT_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, void* pApplication, CK
 {
     if ((flags & CKF_SERIAL_SESSION) == 0) {
         return report("OpenSession CKR_SESSION_PARALLEL_NOT_SUPPORTED",
-                      CK_RV{CKR_SESSION_PARALLEL_NOT_SUPPORTED});
+                      CKR_SESSION_PARALLEL_NOT_SUPPORTED);
     }
     if (!velt::isReaderOrPseudoSlot(slotID)) {
-        return report("OpenSession CKR_SLOT_ID_INVALID", CK_RV{CKR_SLOT_ID_INVALID});
+        return report("OpenSession CKR_SLOT_ID_INVALID", CKR_SLOT_ID_INVALID);
     }
     const std::uint8_t tokenType = velt::tokenTypeOf(slotID);
     note("OpenSession TokenID = ", tokenType);
     if (tokenType == TOKEN_NONE) {
-        return report("OpenSession CKR_TOKEN_NOT_PRESENT", CK_RV{CKR_TOKEN_NOT_PRESENT});
+        return report("OpenSession CKR_TOKEN_NOT_PRESENT", CKR_TOKEN_NOT_PRESENT);
     }
     SCARDHANDLE hCard = 0;
     DWORD protocol = 0;
@@ -142,7 +142,7 @@ CK_RV VELT_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, void* pApplication, CK
                                         SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1, &hCard, &protocol);
     if (connected != SCARD_S_SUCCESS) {
         return report("OpenSession CKR_DEVICE_ERROR SCardConnect err: ",
-                      static_cast<std::uint64_t>(connected), CK_RV{CKR_DEVICE_ERROR});
+                      static_cast<std::uint64_t>(connected), CKR_DEVICE_ERROR);
     }
     SessionEntry* session = addEntry();
     if (session == nullptr) {
@@ -170,17 +170,17 @@ CK_RV VELT_CloseSession(CK_SESSION_HANDLE hSession) noexcept
 {
     note("CloseSession Session number=", hSession);
     if (!isIssuedHandle(hSession)) {
-        return report("CloseSession CKR_SESSION_HANDLE_INVALID", CK_RV{CKR_SESSION_HANDLE_INVALID});
+        return report("CloseSession CKR_SESSION_HANDLE_INVALID", CKR_SESSION_HANDLE_INVALID);
     }
     if (!isOpenSession(hSession)) {
-        return report("CloseSession CKR_SESSION_CLOSED", CK_RV{CKR_SESSION_CLOSED});
+        return report("CloseSession CKR_SESSION_CLOSED", CKR_SESSION_CLOSED);
     }
     SessionEntry* session = findSession(hSession);
     if (SCardDisconnect(session->hCard, SCARD_LEAVE_CARD) != SCARD_S_SUCCESS) {
-        return report("CloseSession CKR_DEVICE_ERROR", CK_RV{CKR_DEVICE_ERROR});
+        return report("CloseSession CKR_DEVICE_ERROR", CKR_DEVICE_ERROR);
     }
     session->isOpen = 0;
-    return report("CloseSession CKR_OK", CK_RV{CKR_OK});
+    return report("CloseSession CKR_OK", CKR_OK);
 }
 
 // Kept: a session of the slot that is closed already ends the walk with CKR_SESSION_CLOSED, and the
@@ -188,7 +188,7 @@ CK_RV VELT_CloseSession(CK_SESSION_HANDLE hSession) noexcept
 CK_RV VELT_CloseAllSessions(CK_SLOT_ID slotID) noexcept
 {
     if (!velt::isReaderOrPseudoSlot(slotID)) {
-        return report("CloseAllSessions CKR_SLOT_ID_INVALID", CK_RV{CKR_SLOT_ID_INVALID});
+        return report("CloseAllSessions CKR_SLOT_ID_INVALID", CKR_SLOT_ID_INVALID);
     }
     for (CK_SESSION_HANDLE handle = firstStored + 1; handle <= sessCount; ++handle) {
         const SessionEntry* session = findSession(handle);
@@ -201,32 +201,31 @@ CK_RV VELT_CloseAllSessions(CK_SLOT_ID slotID) noexcept
             return report("CloseAllSessions error", closed, closed);
         }
     }
-    return report("CloseAllSessions CKR_OK", CK_RV{CKR_OK});
+    return report("CloseAllSessions CKR_OK", CKR_OK);
 }
 
 CK_RV VELT_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO* pInfo) noexcept
 {
     note("GetSessionInfo hSession=", hSession);
     if (pInfo == nullptr) {
-        return report("GetSessionInfo CKR_ARGUMENTS_BAD", CK_RV{CKR_ARGUMENTS_BAD});
+        return report("GetSessionInfo CKR_ARGUMENTS_BAD", CKR_ARGUMENTS_BAD);
     }
     if (hSession > sessCount) {
-        return report("GetSessionInfo CKR_SESSION_HANDLE_INVALID",
-                      CK_RV{CKR_SESSION_HANDLE_INVALID});
+        return report("GetSessionInfo CKR_SESSION_HANDLE_INVALID", CKR_SESSION_HANDLE_INVALID);
     }
     if (!isOpenSession(hSession)) { // handle 0 among them
-        return report("GetSessionInfo CKR_SESSION_CLOSED", CK_RV{CKR_SESSION_CLOSED});
+        return report("GetSessionInfo CKR_SESSION_CLOSED", CKR_SESSION_CLOSED);
     }
     SessionEntry* session = findSession(hSession);
     if (velt::tokenTypeOf(session->slotID) == TOKEN_NONE) {
-        return report("GetSessionInfo CKR_DEVICE_REMOVED", CK_RV{CKR_DEVICE_REMOVED});
+        return report("GetSessionInfo CKR_DEVICE_REMOVED", CKR_DEVICE_REMOVED);
     }
     pInfo->slotID = session->slotID;
     pInfo->state = session->state;
     pInfo->flags = session->flags;
     pInfo->ulDeviceError = session->deviceError;
     session->deviceError = 0;
-    return report("GetSessionInfo CKR_OK", CK_RV{CKR_OK});
+    return report("GetSessionInfo CKR_OK", CKR_OK);
 }
 
 CK_RV VELT_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR* pPin,
@@ -238,21 +237,21 @@ CK_RV VELT_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR*
         note("Login hSession=", hSession);
     }
     if (!isIssuedHandle(hSession)) {
-        return report("Login CKR_SESSION_HANDLE_INVALID", CK_RV{CKR_SESSION_HANDLE_INVALID});
+        return report("Login CKR_SESSION_HANDLE_INVALID", CKR_SESSION_HANDLE_INVALID);
     }
     if (!isOpenSession(hSession)) {
-        return report("Login CKR_SESSION_CLOSED", CK_RV{CKR_SESSION_CLOSED});
+        return report("Login CKR_SESSION_CLOSED", CKR_SESSION_CLOSED);
     }
     SessionEntry* session = findSession(hSession);
     if (session->loginState == LOGGED_IN) {
-        return report("Login CKR_USER_ALREADY_LOGGED_IN", CK_RV{CKR_USER_ALREADY_LOGGED_IN});
+        return report("Login CKR_USER_ALREADY_LOGGED_IN", CKR_USER_ALREADY_LOGGED_IN);
     }
     if (userType != CKU_USER || pPin == nullptr ||
         tokenIsIdCardWithOtherPinLength(session->slotID, ulPinLen)) {
-        return report("Login CKR_ARGUMENTS_BAD", CK_RV{CKR_ARGUMENTS_BAD});
+        return report("Login CKR_ARGUMENTS_BAD", CKR_ARGUMENTS_BAD);
     }
     if (velt::tokenTypeOf(session->slotID) == TOKEN_NONE) {
-        return report("Login CKR_TOKEN_NOT_PRESENT", CK_RV{CKR_TOKEN_NOT_PRESENT});
+        return report("Login CKR_TOKEN_NOT_PRESENT", CKR_TOKEN_NOT_PRESENT);
     }
     return verifyUser(*session, hSession, pPin, ulPinLen);
 }
@@ -263,21 +262,21 @@ CK_RV VELT_Logout(CK_SESSION_HANDLE hSession) noexcept
 {
     SessionEntry* session = findSession(hSession);
     if (session != nullptr && session->loginState == NEVER_LOGGED_IN) {
-        return report("Logout CKR_USER_NOT_LOGGED_IN", CK_RV{CKR_USER_NOT_LOGGED_IN});
+        return report("Logout CKR_USER_NOT_LOGGED_IN", CKR_USER_NOT_LOGGED_IN);
     }
     if (!isIssuedHandle(hSession)) {
-        return report("Logout CKR_SESSION_HANDLE_INVALID", CK_RV{CKR_SESSION_HANDLE_INVALID});
+        return report("Logout CKR_SESSION_HANDLE_INVALID", CKR_SESSION_HANDLE_INVALID);
     }
     if (session == nullptr || session->loginState == LOGGED_OUT) {
-        return report("Logout CKR_SESSION_CLOSED", CK_RV{CKR_SESSION_CLOSED});
+        return report("Logout CKR_SESSION_CLOSED", CKR_SESSION_CLOSED);
     }
     const CK_RV result = velt::callDriver(&TokenDriver::Logout, hSession);
     if (result != CKR_OK) {
-        return report("Logout APDU error", result, CK_RV{CKR_FUNCTION_FAILED});
+        return report("Logout APDU error", result, CKR_FUNCTION_FAILED);
     }
     session->loginState = LOGGED_OUT;
     findSession(sessCount)->state = publicState(*session);
-    return report("Logout CKR_OK", CK_RV{CKR_OK});
+    return report("Logout CKR_OK", CKR_OK);
 }
 
 namespace velt {

@@ -52,6 +52,17 @@ CK_RV VELT_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type,
 
 namespace velt {
 
+// Whether a family's table has its type and every operation.
+constexpr bool complete(const TokenDriver& table) noexcept
+{
+    return table.type != 0 && table.GetTokenInfo != nullptr && table.GetMechanismList != nullptr &&
+           table.Login != nullptr && table.Logout != nullptr && table.ObjectsInit != nullptr &&
+           table.CreateObject != nullptr && table.GenerateKeyPair != nullptr &&
+           table.SignInit != nullptr && table.Sign != nullptr && table.DestroyObject != nullptr &&
+           table.GenerateRandom != nullptr && table.GetPublicKey != nullptr &&
+           table.GetCertificate != nullptr;
+}
+
 // Loads the family's operations if the table is empty or holds another family's.
 void ensureDriver(std::uint64_t tokenType) noexcept;
 

@@ -29,20 +29,20 @@ constexpr std::array MECHANISMS{
 CK_RV VELT_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO* pInfo) noexcept
 {
     if (pInfo == nullptr) {
-        return report("GetTokenInfo CKR_ARGUMENTS_BAD", CK_RV{CKR_ARGUMENTS_BAD});
+        return report("GetTokenInfo CKR_ARGUMENTS_BAD", CKR_ARGUMENTS_BAD);
     }
     if (!velt::isReaderSlot(slotID)) {
-        return report("GetTokenInfo CKR_SLOT_ID_INVALID", CK_RV{CKR_SLOT_ID_INVALID});
+        return report("GetTokenInfo CKR_SLOT_ID_INVALID", CKR_SLOT_ID_INVALID);
     }
     const std::uint8_t tokenType = velt::tokenTypeOf(slotID);
     if (tokenType == TOKEN_NONE) {
-        return report("GetTokenInfo CKR_TOKEN_NOT_PRESENT", CK_RV{CKR_TOKEN_NOT_PRESENT});
+        return report("GetTokenInfo CKR_TOKEN_NOT_PRESENT", CKR_TOKEN_NOT_PRESENT);
     }
     velt::ensureDriver(tokenType);
     if (velt::callDriver(&TokenDriver::GetTokenInfo, slotID, pInfo) != CKR_OK) {
-        return report("GetTokenInfo CKR_FUNCTION_FAILED", CK_RV{CKR_FUNCTION_FAILED});
+        return report("GetTokenInfo CKR_FUNCTION_FAILED", CKR_FUNCTION_FAILED);
     }
-    return report("GetTokenInfo CKR_OK", CK_RV{CKR_OK});
+    return report("GetTokenInfo CKR_OK", CKR_OK);
 }
 
 // Kept: unlike above, the pseudo-reader behind the last reader passes as a slot, without a token.
@@ -50,29 +50,29 @@ CK_RV VELT_GetMechanismList(CK_SLOT_ID slotID, CK_MECHANISM_TYPE* pMechanismList
                             CK_ULONG* pulCount) noexcept
 {
     if (rCount == 0 || !velt::isReaderOrPseudoSlot(slotID)) {
-        return report("GetMechanismList CKR_SLOT_ID_INVALID", CK_RV{CKR_SLOT_ID_INVALID});
+        return report("GetMechanismList CKR_SLOT_ID_INVALID", CKR_SLOT_ID_INVALID);
     }
     const std::uint8_t tokenType = velt::tokenTypeOf(slotID);
     if (tokenType == TOKEN_NONE) {
-        return report("GetMechanismList CKR_TOKEN_NOT_PRESENT", CK_RV{CKR_TOKEN_NOT_PRESENT});
+        return report("GetMechanismList CKR_TOKEN_NOT_PRESENT", CKR_TOKEN_NOT_PRESENT);
     }
     velt::ensureDriver(tokenType);
     if (velt::callDriver(&TokenDriver::GetMechanismList, pMechanismList, pulCount) != CKR_OK) {
-        return report("GetMechanismList CKR_FUNCTION_FAILED", CK_RV{CKR_FUNCTION_FAILED});
+        return report("GetMechanismList CKR_FUNCTION_FAILED", CKR_FUNCTION_FAILED);
     }
-    return report("GetMechanismList CKR_OK", CK_RV{CKR_OK});
+    return report("GetMechanismList CKR_OK", CKR_OK);
 }
 
 CK_RV VELT_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type,
                             CK_MECHANISM_INFO* pInfo) noexcept
 {
     if (rCount == 0 || !velt::isReaderOrPseudoSlot(slotID)) {
-        return report("GetMechanismInfo CKR_SLOT_ID_INVALID", CK_RV{CKR_SLOT_ID_INVALID});
+        return report("GetMechanismInfo CKR_SLOT_ID_INVALID", CKR_SLOT_ID_INVALID);
     }
     const auto row = std::ranges::find(MECHANISMS, type, &MechanismRow::type);
     if (row == MECHANISMS.end()) {
-        return report("GetMechanismInfo CKR_MECHANISM_INVALID", CK_RV{CKR_MECHANISM_INVALID});
+        return report("GetMechanismInfo CKR_MECHANISM_INVALID", CKR_MECHANISM_INVALID);
     }
     *pInfo = row->info;
-    return report("GetMechanismInfo CKR_OK", CK_RV{CKR_OK});
+    return report("GetMechanismInfo CKR_OK", CKR_OK);
 }

@@ -51,7 +51,7 @@ CK_RV finaliseLocked() noexcept
 {
     velt::retireReaderNames();
     if (!releaseContext()) {
-        return report("Failed SCardReleaseContext", CK_RV{CKR_FUNCTION_FAILED});
+        return report("Failed SCardReleaseContext", CKR_FUNCTION_FAILED);
     }
     velt::retireObjects(blocksFreedAtFinalise());
     velt::freeSessions();

@@ -7,7 +7,7 @@ namespace {
 CK_RV unsupported(const char* name) noexcept
 {
     velt::note(name);
-    return velt::report("CKR_FUNCTION_NOT_SUPPORTED", CK_RV{CKR_FUNCTION_NOT_SUPPORTED});
+    return velt::report("CKR_FUNCTION_NOT_SUPPORTED", CKR_FUNCTION_NOT_SUPPORTED);
 }
 
 } // namespace
