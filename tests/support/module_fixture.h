@@ -26,6 +26,8 @@ namespace velt_test {
 
 namespace pcsc = sim::pcsc;
 
+using Texts = std::vector<std::string>;
+
 inline constexpr std::string_view PNP_READER = "\\\\?PnP?\\Notification";
 inline constexpr CK_FLAGS READ_ONLY = CKF_SERIAL_SESSION;
 inline constexpr CK_FLAGS READ_WRITE = CKF_SERIAL_SESSION | CKF_RW_SESSION;
@@ -214,12 +216,10 @@ private:
 
 // What the debug hooks are passed during a refresh, from the probe of the pseudo-reader on;
 // `families` holds the message of each reader with a card, in reader order.
-inline std::vector<std::string> refreshMessages(const std::vector<std::string>& families,
-                                                bool plugAndPlay = true)
+inline Texts refreshMessages(const Texts& families, bool plugAndPlay = true)
 {
-    std::vector<std::string> messages{plugAndPlay
-                                          ? "GetSlotList: Using reader plug'n play mechanism"
-                                          : "GetSlotList: Plug'n play reader name not supported."};
+    Texts messages{plugAndPlay ? "GetSlotList: Using reader plug'n play mechanism"
+                               : "GetSlotList: Plug'n play reader name not supported."};
     messages.emplace_back("UpdateSlotsStates");
     for (int step = 1; step <= 10; ++step) {
         messages.push_back("UpdateSlotsStates " + std::to_string(step));
@@ -229,8 +229,7 @@ inline std::vector<std::string> refreshMessages(const std::vector<std::string>& 
     return messages;
 }
 
-inline std::vector<std::string> operator+(std::vector<std::string> left,
-                                          const std::vector<std::string>& right)
+inline Texts operator+(Texts left, const Texts& right)
 {
     left.insert(left.end(), right.begin(), right.end());
     return left;
