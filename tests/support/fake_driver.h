@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-namespace support::fake {
+namespace velt_test::fake {
 
 // One call of an operation. Pointers are kept as they came.
 struct Asked {
@@ -149,4 +149,4 @@ inline TokenDriver emptyDriver(std::uint64_t type)
     return table;
 }
 
-} // namespace support::fake
+} // namespace velt_test::fake

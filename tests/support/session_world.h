@@ -18,7 +18,7 @@
 #include <memory>
 #include <utility>
 
-namespace support {
+namespace velt_test {
 
 inline const sim::Bytes ID_CARD_ATR{0x3B, 0x77, 0x18, 0x00, 0x00, 0x4B,
                                     0x41, 0x53, 0x41, 0x4B, 0x49, 0x44};
@@ -82,4 +82,4 @@ private:
     bool started_ = false;
 };
 
-} // namespace support
+} // namespace velt_test

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace support {
+namespace velt_test {
 namespace {
 
 constexpr std::size_t KEPT_DATA = COLLECTION_SIZE - 2; // data that leaves room for 90 00
@@ -418,4 +418,4 @@ TEST_F(ApduChainLengthTest, ACardThatNeverEndsIsGivenUpAndCanBeAskedAgain)
 }
 
 } // namespace
-} // namespace support
+} // namespace velt_test

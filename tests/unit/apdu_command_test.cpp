@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace support {
+namespace velt_test {
 namespace {
 
 using velt::ByteView;
@@ -289,4 +289,4 @@ TEST_F(ApduCommandTest, AResponseWithoutAStatusHasNone)
 }
 
 } // namespace
-} // namespace support
+} // namespace velt_test

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace support {
+namespace velt_test {
 namespace {
 
 // First status bytes that announce more data. They are found by bit tests, so more of them pass
@@ -377,4 +377,4 @@ TEST_F(ApduTest, EachSessionHasItsOwnErrorAndConnection)
 }
 
 } // namespace
-} // namespace support
+} // namespace velt_test

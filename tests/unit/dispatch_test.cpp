@@ -1,88 +1,19 @@
 // Object, key, random and signing operations over a token family of the test's own: the order of
 // the checks, what reaches the family, and what its answer does to the caller and the module.
-#include "sim/cards/scripted_card.h"
-#include "src/objects/object_table.h"
-#include "tests/support/fake_driver.h"
-#include "tests/support/session_world.h"
+#include "tests/support/dispatch_world.h"
 
 #include <array>
 #include <cstdint>
-#include <memory>
-#include <string>
 #include <vector>
 
-namespace support {
+namespace velt_test {
 namespace {
-
-using fake::Asked;
 
 constexpr std::array<CK_RV, 8> REFUSALS{
     CKR_HOST_MEMORY,   CKR_GENERAL_ERROR,          CKR_FUNCTION_FAILED,     CKR_DEVICE_ERROR,
     CKR_DEVICE_MEMORY, CKR_FUNCTION_NOT_SUPPORTED, CKR_TEMPLATE_INCOMPLETE, 0x80001234};
 
-class DispatchTest : public SessionWorld {
-protected:
-    void SetUp() override
-    {
-        ASSERT_NO_FATAL_FAILURE(start(std::make_shared<sim::ScriptedCard>(ID_CARD_ATR, 1UL)));
-        session = open();
-        closed = open();
-        ASSERT_EQ(CKR_OK, VELT_CloseSession(closed));
-        fake::world() = {};
-        stVELTTokens = fake::driver(TOKEN_IDC);
-        oiFlags = 0;
-        bSignOpInit = 0;
-        ulObjCount = 6;
-        entry(session).deviceError = 0x5EED;
-        sim::pcsc::clearCalls();
-    }
-
-    void TearDown() override
-    {
-        EXPECT_EQ(0U, sim::pcsc::calls(sim::pcsc::Function::Transmit).size());
-        fake::world() = {};
-        SessionWorld::TearDown();
-    }
-
-    static void answer(const std::string& operation, CK_RV rv)
-    {
-        fake::world().answers[operation] = rv;
-    }
-
-    static std::vector<Asked>& asked() { return fake::world().asked; }
-
-    // The operation was called on the table in use, nothing being marked for reloading.
-    static Asked call(const char* operation, CK_ULONG onSession, std::vector<const void*> pointers,
-                      std::vector<CK_ULONG> numbers)
-    {
-        return {operation, onSession, std::move(pointers), std::move(numbers), false, true};
-    }
-
-    static Asked reload(CK_SESSION_HANDLE onSession)
-    {
-        return {"ObjectsInit", onSession, {}, {}, true, true};
-    }
-
-    static void setTokenType(std::uint8_t type)
-    {
-        static_cast<SlotToken*>(VELTCardReaders[0].pvUserData)->tokenType = type;
-    }
-
-    // Handles that no session ever had.
-    static std::vector<CK_SESSION_HANDLE> strayHandles()
-    {
-        return {0, sessCount + 1, sessCount + 1000, 0xFFFFFFFF, UINT64_MAX};
-    }
-
-    CK_SESSION_HANDLE session = 0;
-    CK_SESSION_HANDLE closed = 0;
-    CK_ATTRIBUTE attribute{CKA_CLASS, nullptr, 0};
-    CK_OBJECT_HANDLE object = 0x77;
-    CK_MECHANISM mechanism{CKM_RSA_PKCS, nullptr, 0};
-    std::array<CK_BYTE, 4> data{1, 2, 3, 4};
-    std::array<CK_BYTE, 8> signature{};
-    CK_ULONG signatureLength = 8;
-};
+class DispatchTest : public DispatchWorld {};
 
 // C_CreateObject.
 
@@ -446,7 +377,7 @@ TEST_F(DispatchTest, PendingSigningSurvivesClosingAndFinalize)
     handOver();
     ASSERT_EQ(CKR_OK, C_Finalize(nullptr));
     EXPECT_EQ(1, bSignOpInit);
-    ASSERT_NO_FATAL_FAILURE(start(std::make_shared<sim::ScriptedCard>(ID_CARD_ATR, 1UL)));
+    ASSERT_NO_FATAL_FAILURE(start(silentCard()));
     const CK_SESSION_HANDLE later = open();
     stVELTTokens = fake::driver(TOKEN_IDC);
     EXPECT_EQ(CKR_OK, VELT_Sign(later, data.data(), 4, signature.data(), &signatureLength));
@@ -458,7 +389,7 @@ TEST_F(DispatchTest, SessionsFromBeforeFinalizeAreClosed)
 {
     handOver();
     ASSERT_EQ(CKR_OK, C_Finalize(nullptr));
-    ASSERT_NO_FATAL_FAILURE(start(std::make_shared<sim::ScriptedCard>(ID_CARD_ATR, 1UL)));
+    ASSERT_NO_FATAL_FAILURE(start(silentCard()));
     open();
     stVELTTokens = fake::driver(TOKEN_IDC);
     bSignOpInit = 1;
@@ -524,4 +455,4 @@ TEST_F(DispatchTest, ACreationWithoutAReloadSucceeds)
 }
 
 } // namespace
-} // namespace support
+} // namespace velt_test
