@@ -3,102 +3,26 @@
 #pragma once
 
 #include "sim/cards/card.h"
-
-#include <openssl/evp.h>
-#include <openssl/x509.h>
+#include "sim/cards/id_card.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
-#include <stdexcept>
-#include <string>
 #include <utility>
 
 namespace velt_test {
 
-// A version 3 certificate whose names have the six usual attributes, self-signed.
-inline sim::Bytes smallCertificate(long serial, const std::string& commonName)
-{
-    const auto check = [](bool done) {
-        if (!done) {
-            throw std::runtime_error("OpenSSL could not make a certificate");
-        }
-    };
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-        EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), EVP_PKEY_free);
-    const std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), X509_free);
-    check(key != nullptr && certificate != nullptr);
-    X509* const x509 = certificate.get();
-    check(X509_set_version(x509, X509_VERSION_3) == 1);
-    check(ASN1_INTEGER_set(X509_get_serialNumber(x509), serial) == 1);
-    check(ASN1_TIME_set_string(X509_getm_notBefore(x509), "250131120000Z") == 1);
-    check(ASN1_TIME_set_string(X509_getm_notAfter(x509), "350228235959Z") == 1);
-    X509_NAME* const name = X509_get_subject_name(x509);
-    const std::array<std::pair<const char*, std::string>, 6> attributes{{
-        {"C", "KZ"},
-        {"ST", "Akmola"},
-        {"L", "Kokshetau"},
-        {"O", "Velt Test"},
-        {"OU", "Memory"},
-        {"CN", commonName},
-    }};
-    for (const auto& [type, value] : attributes) {
-        check(X509_NAME_add_entry_by_txt(name, type, MBSTRING_UTF8,
-                                         reinterpret_cast<const unsigned char*>(value.data()), -1,
-                                         -1, 0) == 1);
-    }
-    check(X509_set_issuer_name(x509, name) == 1 && X509_set_pubkey(x509, key.get()) == 1);
-    check(X509_sign(x509, key.get(), EVP_sha256()) > 0);
-    unsigned char* encoded = nullptr;
-    const int length = i2d_X509(x509, &encoded);
-    check(length > 0);
-    const sim::Bytes bytes(encoded, encoded + length);
-    OPENSSL_free(encoded);
-    return bytes;
-}
-
-// A gzip member (RFC 1952) that stores the data without compressing it; up to 65,535 bytes.
-inline sim::Bytes storedGzip(const sim::Bytes& data)
-{
-    const auto put = [](sim::Bytes& out, std::uint32_t number, int bytes) {
-        for (int i = 0; i < bytes; ++i) {
-            out.push_back(static_cast<std::uint8_t>(number >> (8 * i)));
-        }
-    };
-    sim::Bytes out{0x1F, 0x8B, 8, 0, 0, 0, 0, 0, 0, 3, 1}; // header; one last, stored block
-    const auto length = static_cast<std::uint32_t>(data.size());
-    put(out, length, 2);
-    put(out, ~length, 2);
-    out.insert(out.end(), data.begin(), data.end());
-    std::uint32_t crc = 0xFFFFFFFF;
-    for (const std::uint8_t byte : data) {
-        crc ^= byte;
-        for (int bit = 0; bit < 8; ++bit) {
-            crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320 : 0);
-        }
-    }
-    put(out, ~crc, 4);
-    put(out, length, 4);
-    return out;
-}
-
 class MemoryCard final : public sim::Card {
 public:
-    static constexpr std::size_t KEY_BYTES = 256;
-
     MemoryCard()
     {
+        const sim::IdCard original;
         for (std::size_t i = 0; i < 2; ++i) {
-            certificates_[i] =
-                smallCertificate(0x1234 + static_cast<long>(i), "Holder " + std::to_string(i + 1));
-            const sim::Bytes packed = storedGzip(certificates_[i]);
-            files_[i] = {static_cast<std::uint8_t>(packed.size() >> 8),
-                         static_cast<std::uint8_t>(packed.size())};
-            files_[i].insert(files_[i].end(), packed.begin(), packed.end());
-            moduli_[i] = pattern(0x80 + i);
-            signatures_[i] = pattern(0x40 + i);
+            certificates_[i] = original.certificate(i);
+            files_[i] = original.file(i);
+            moduli_[i] = original.modulus(i);
+            signatures_[i] = sim::Bytes(moduli_[i].rbegin(), moduli_[i].rend());
         }
     }
 
@@ -149,15 +73,6 @@ public:
 
 private:
     static constexpr std::size_t NO_FILE = 2;
-
-    static sim::Bytes pattern(std::size_t seed)
-    {
-        sim::Bytes bytes(KEY_BYTES);
-        for (std::size_t i = 0; i < bytes.size(); ++i) {
-            bytes[i] = static_cast<std::uint8_t>(seed + i * 3);
-        }
-        return bytes;
-    }
 
     // 15 bytes of template header, then the modulus.
     sim::Bytes publicKey(std::size_t pair) const
