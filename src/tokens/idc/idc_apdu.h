@@ -36,7 +36,6 @@ inline constexpr std::uint8_t IDC_PIN_FILLER = '0';
 // Certificate file: the length of the content in two bytes, then the content.
 inline constexpr std::uint8_t IDC_CONTENT_OFFSET = 2;
 inline constexpr std::size_t IDC_BLOCK_SIZE = 256;
-inline constexpr std::size_t IDC_CHUNK_SIZE = 255;
 
 // Fixed commands.
 inline constexpr std::array<std::uint8_t, 7> IDC_SELECT_MF{0x00, 0xA4, 0x00, 0x0C,

@@ -31,8 +31,4 @@ inline constexpr std::array<IdcKeyPair, 2> IDC_KEY_PAIRS{
 // The key pair of a key ID, or NULL.
 const IdcKeyPair* idcKeyPairOf(std::uint8_t keyId) noexcept;
 
-// Bytes that the next UPDATE BINARY carries: all `remaining` ones in the last chunk, else 255. The
-// chunk is the last one when the whole length is less than the file position plus 255.
-std::size_t nextChunk(std::size_t remaining, std::int32_t length, std::int32_t position) noexcept;
-
 } // namespace velt

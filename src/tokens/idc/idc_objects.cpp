@@ -1,9 +1,8 @@
 // Loading the card's objects: certificate, public and private key of each key pair, at positions
 // that never change.
-#include "src/certdata/gzip.h"
 #include "src/front/debug.h"
-#include "src/objects/cert_block.h"
 #include "src/objects/object_table.h"
+#include "src/objects/stored_cert.h"
 #include "src/tokens/idc/idc.h"
 #include "src/tokens/idc/idc_apdu.h"
 #include "src/tokens/idc/idc_files.h"
@@ -78,32 +77,26 @@ bool readContent(CK_SESSION_HANDLE hSession, std::size_t length, ByteRoom conten
     return true;
 }
 
-CK_RV addCertificate(const IdcKeyPair& pair, ByteView certificate) noexcept
+CK_RV addCertificate(const IdcKeyPair& pair, const velt::ExpandedCertificate& expanded) noexcept
 {
-    ObjectEntry& entry = *velt::entryAt(pair.firstObject);
-    CertAttr* attr = velt::attachCertificate(entry);
+    CertAttr* attr = velt::attachCertificate(*velt::entryAt(pair.firstObject));
     if (attr == nullptr) {
         return LOAD_NO_MEMORY;
     }
     *attr = certAttrTempl;
-    attr->valueLen = velt::copyBounded(attr->value, certificate);
-    velt::storeCertificateFields(*attr);
+    velt::storeCertificate(*attr, expanded);
     makeEntry(pair.firstObject, CKO_CERTIFICATE, pair);
     return LOAD_DONE;
 }
 
 // Expands the content and makes the certificate's object; content that is no gzip member makes
 // none.
-CK_RV expandCertificate(const IdcKeyPair& pair, ByteView content) noexcept
+CK_RV addStored(const IdcKeyPair& pair, ByteView content) noexcept
 {
-    std::array<std::uint8_t, CERT_VALUE_SIZE> certificate{};
-    std::uint64_t length = certificate.size();
-    const std::int32_t code = ungzip(content.data(), static_cast<std::uint32_t>(content.size()),
-                                     certificate.data(), &length);
-    if (code != 0 && code != 1) {
-        return LOAD_DONE;
-    }
-    return addCertificate(pair, ByteView{certificate}.first(std::min(length, certificate.size())));
+    velt::ExpandedCertificate expanded;
+    return velt::isConverted(velt::expandCertificate(content, expanded))
+               ? addCertificate(pair, expanded)
+               : LOAD_DONE;
 }
 
 CK_RV loadCertificate(CK_SESSION_HANDLE hSession, const IdcKeyPair& pair) noexcept
@@ -124,7 +117,7 @@ CK_RV loadCertificate(CK_SESSION_HANDLE hSession, const IdcKeyPair& pair) noexce
     if (length > content.size()) {
         return LOAD_DONE; // a cut gzip member cannot be expanded
     }
-    return expandCertificate(pair, ByteView{content}.first(length));
+    return addStored(pair, ByteView{content}.first(length));
 }
 
 CK_RV addPublicKey(const IdcKeyPair& pair, ByteView modulus) noexcept

@@ -1,4 +1,5 @@
 // Signing with one of the two private keys, and the two operations that the card refuses.
+#include "src/core/signature.h"
 #include "src/front/debug.h"
 #include "src/objects/object_table.h"
 #include "src/tokens/idc/idc.h"
@@ -68,16 +69,11 @@ CK_RV fSignIDC(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession, CK_BYTE* pDat
         return result;
     }
     const ByteView signature = velt::replyData();
-    // Kept: a length query has the card sign as well, and a buffer that is too small does not
-    // learn the length.
-    if (pSignature != nullptr && *pulSignatureLen < signature.size()) {
-        return CKR_BUFFER_TOO_SMALL;
-    }
-    *pulSignatureLen = signature.size();
-    if (pSignature != nullptr) {
+    const CK_RV announced = velt::announceSignature(pSignature, pulSignatureLen, signature.size());
+    if (announced == CKR_OK && pSignature != nullptr) {
         std::ranges::copy(signature, pSignature);
     }
-    return CKR_OK;
+    return announced;
 }
 
 CK_RV fDestroyObjectIDC(TokenDriver* /*table*/, CK_SESSION_HANDLE /*hSession*/,

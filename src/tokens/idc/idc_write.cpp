@@ -1,15 +1,13 @@
 // Writing to the card: a certificate, or a new key pair with its label.
-#include "src/certdata/gzip.h"
 #include "src/core/session.h"
 #include "src/front/debug.h"
 #include "src/front/state.h"
+#include "src/objects/cert_template.h"
 #include "src/objects/object_table.h"
+#include "src/objects/stored_cert.h"
 #include "src/tokens/idc/idc.h"
 #include "src/tokens/idc/idc_apdu.h"
 #include "src/tokens/idc/idc_files.h"
-
-#include <cstring>
-#include <span>
 
 using velt::ByteView;
 using velt::exchange;
@@ -18,77 +16,40 @@ using velt::report;
 
 namespace {
 
-constexpr std::size_t GZIP_ROOM = 4096;
-constexpr std::size_t MAX_STORED_CERTIFICATE = 2048;
-constexpr std::size_t TEMPLATE_ATTRIBUTES = 4; // class, token, value and ID
-
-using Attributes = std::span<const CK_ATTRIBUTE>;
+using velt::Attributes;
 
 // What a certificate's template gave.
 struct CertificateRequest {
-    ByteView value{};
+    velt::CertificateTemplate common{};
     const IdcKeyPair* pair = nullptr;
-    std::size_t counted = 0;
 };
 
-// Reads the value of CKA_VALUE: NULL is a value only when it is empty.
-CK_RV readValue(const CK_ATTRIBUTE& attribute, CertificateRequest& request) noexcept
-{
-    if (attribute.ulValueLen > CERT_VALUE_SIZE ||
-        (attribute.pValue == nullptr && attribute.ulValueLen != 0)) {
-        return CKR_ATTRIBUTE_VALUE_INVALID;
-    }
-    request.value = {static_cast<const std::uint8_t*>(attribute.pValue), attribute.ulValueLen};
-    ++request.counted;
-    return CKR_OK;
-}
-
+// Kept: only the first byte of an ID counts, whatever its length.
 CK_RV readKeyId(const CK_ATTRIBUTE& attribute, CertificateRequest& request) noexcept
 {
+    if (attribute.pValue == nullptr) {
+        return CKR_ATTRIBUTE_VALUE_INVALID;
+    }
     const IdcKeyPair* pair =
         velt::idcKeyPairOf(*static_cast<const std::uint8_t*>(attribute.pValue));
     if (pair == nullptr) {
         return CKR_ATTRIBUTE_VALUE_INVALID;
     }
     request.pair = pair;
-    ++request.counted;
+    ++request.common.counted;
     return CKR_OK;
 }
 
-void countToken(const void* value, CertificateRequest& request) noexcept
-{
-    if (*static_cast<const std::uint8_t*>(value) == CK_TRUE) {
-        ++request.counted;
-    }
-}
-
-void countClass(const void* value, CertificateRequest& request) noexcept
-{
-    std::uint64_t objClass = 0;
-    std::memcpy(&objClass, value, sizeof objClass);
-    if (objClass == CKO_CERTIFICATE) {
-        ++request.counted;
-    }
-}
-
-// Kept: the lengths of the fixed-size attributes are not looked at, a class or token flag of
-// another value is passed over, and any one attribute may count several times.
+// Kept: any one attribute may count several times.
 CK_RV readAttribute(const CK_ATTRIBUTE& attribute, CertificateRequest& request) noexcept
 {
-    const bool isFixedSize =
-        attribute.type == CKA_TOKEN || attribute.type == CKA_CLASS || attribute.type == CKA_ID;
-    if (isFixedSize && attribute.pValue == nullptr) {
-        return CKR_ATTRIBUTE_VALUE_INVALID;
-    }
     switch (attribute.type) {
     case CKA_TOKEN:
-        countToken(attribute.pValue, request);
-        return CKR_OK;
+        return velt::readCertToken(attribute, request.common);
     case CKA_CLASS:
-        countClass(attribute.pValue, request);
-        return CKR_OK;
+        return velt::readCertClass(attribute, request.common);
     case CKA_VALUE:
-        return readValue(attribute, request);
+        return velt::readCertValue(attribute, request.common);
     case CKA_ID:
         return readKeyId(attribute, request);
     default:
@@ -104,33 +65,21 @@ CK_RV readTemplate(Attributes attributes, CertificateRequest& request) noexcept
             return result;
         }
     }
-    if (request.counted < TEMPLATE_ATTRIBUTES) {
+    if (request.common.counted < velt::CERT_TEMPLATE_ATTRIBUTES) {
         return report("IDCard CreateObject CKR_TEMPLATE_INCOMPLETE", CKR_TEMPLATE_INCOMPLETE);
     }
     return CKR_OK;
 }
 
-void rememberError(CK_SESSION_HANDLE hSession, std::uint64_t error) noexcept
+CK_RV compress(CK_SESSION_HANDLE hSession, ByteView value, velt::StoredCertificate& stored) noexcept
 {
-    if (SessionEntry* session = velt::findSession(hSession); session != nullptr && hSession != 0) {
-        session->deviceError = error;
-    }
-}
-
-// Compresses into `stored`; `length` becomes the bytes used.
-CK_RV compress(CK_SESSION_HANDLE hSession, ByteView value, velt::ByteRoom stored,
-               std::uint32_t& length) noexcept
-{
-    length = static_cast<std::uint32_t>(stored.size());
-    const std::int32_t code =
-        gzip(value.data(), static_cast<std::uint32_t>(value.size()), stored.data(), &length);
-    if (code != 0 && code != 1) {
-        const auto error = static_cast<std::uint64_t>(std::int64_t{code});
-        rememberError(hSession, error);
+    std::uint64_t error = 0;
+    if (!velt::compressCertificate(hSession, value, stored, error)) {
         return report("IDCard CreateObject gzip cert error ", error, CKR_FUNCTION_FAILED);
     }
-    if (length > MAX_STORED_CERTIFICATE) {
-        return report("IDCard CreateObject error gzipped cert length ", length, CKR_DEVICE_MEMORY);
+    if (stored.length > velt::MAX_STORED_CERTIFICATE) {
+        return report("IDCard CreateObject error gzipped cert length ", stored.length,
+                      CKR_DEVICE_MEMORY);
     }
     return CKR_OK;
 }
@@ -246,13 +195,12 @@ CK_RV fCreateObjectIDC(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession, CK_AT
     if (result != CKR_OK) {
         return result;
     }
-    std::array<std::uint8_t, GZIP_ROOM> stored{};
-    std::uint32_t length = 0;
-    result = compress(hSession, request.value, stored, length);
+    velt::StoredCertificate stored;
+    result = compress(hSession, request.common.value, stored);
     if (result != CKR_OK) {
         return result;
     }
-    result = writeCertificate(hSession, request.pair, ByteView{stored}.first(length));
+    result = writeCertificate(hSession, request.pair, stored.view());
     if (result != CKR_OK) {
         return result;
     }
