@@ -4,6 +4,7 @@
 #include "src/core/readers.h"
 #include "src/objects/attr_blocks.h"
 #include "src/tokens/idc/idc.h"
+#include "src/tokens/kt/kt.h"
 
 TokenDriver stVELTTokens{};
 
@@ -13,8 +14,10 @@ std::uint64_t fVELTTokensInit(TokenDriver* table, std::uint64_t tokenType) noexc
     case TOKEN_IDC:
         *table = driverIDC;
         break;
-    case TOKEN_ET72K:
     case TOKEN_KT:
+        *table = driverKT;
+        break;
+    case TOKEN_ET72K:
     case TOKEN_JC: // families without operations yet: each answers CKR_FUNCTION_NOT_SUPPORTED
         *table = {};
         table->type = tokenType;
