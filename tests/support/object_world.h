@@ -58,36 +58,36 @@ inline void PrintTo(const DriverCall& call, std::ostream* out)
 }
 
 // The test's own driver: what was called, and what each call then does.
-struct FakeDriver {
+struct ScriptedDriver {
     std::vector<DriverCall> calls;
     std::function<CK_RV()> objectsInit = [] { return CKR_OK; };
     std::function<CK_RV(std::uint64_t)> getPublicKey = [](std::uint64_t) { return CKR_OK; };
     std::function<CK_RV(std::uint64_t)> getCertificate = [](std::uint64_t) { return CKR_OK; };
 };
 
-inline FakeDriver fake;
+inline ScriptedDriver scripted;
 
-inline CK_RV fakeObjectsInit(TokenDriver* table, CK_SESSION_HANDLE hSession) noexcept
+inline CK_RV scriptedObjectsInit(TokenDriver* table, CK_SESSION_HANDLE hSession) noexcept
 {
     EXPECT_EQ(&stVELTTokens, table);
-    fake.calls.push_back({"ObjectsInit", hSession, 0});
-    return fake.objectsInit();
+    scripted.calls.push_back({"ObjectsInit", hSession, 0});
+    return scripted.objectsInit();
 }
 
-inline CK_RV fakeGetPublicKey(TokenDriver* table, CK_SESSION_HANDLE hSession,
-                              CK_OBJECT_HANDLE hObject) noexcept
+inline CK_RV scriptedGetPublicKey(TokenDriver* table, CK_SESSION_HANDLE hSession,
+                                  CK_OBJECT_HANDLE hObject) noexcept
 {
     EXPECT_EQ(&stVELTTokens, table);
-    fake.calls.push_back({"GetPublicKey", hSession, hObject});
-    return fake.getPublicKey(hObject);
+    scripted.calls.push_back({"GetPublicKey", hSession, hObject});
+    return scripted.getPublicKey(hObject);
 }
 
-inline CK_RV fakeGetCertificate(TokenDriver* table, CK_SESSION_HANDLE hSession,
-                                CK_OBJECT_HANDLE hObject) noexcept
+inline CK_RV scriptedGetCertificate(TokenDriver* table, CK_SESSION_HANDLE hSession,
+                                    CK_OBJECT_HANDLE hObject) noexcept
 {
     EXPECT_EQ(&stVELTTokens, table);
-    fake.calls.push_back({"GetCertificate", hSession, hObject});
-    return fake.getCertificate(hObject);
+    scripted.calls.push_back({"GetCertificate", hSession, hObject});
+    return scripted.getCertificate(hObject);
 }
 
 // Copies `bytes` to the start of `field` and zeroes the rest of it.
@@ -109,13 +109,13 @@ protected:
 
     void SetUp() override
     {
-        fake = {};
+        scripted = {};
         sim::pcsc::reset();
         sim::pcsc::plugReader(READER);
         sim::pcsc::insertCard(READER, std::make_shared<MuteCard>(ATR_OF_ID_CARD));
         startModule();
         open_ = openSession(0);
-        fake.calls.clear();
+        scripted.calls.clear();
     }
 
     void TearDown() override
@@ -136,9 +136,9 @@ protected:
         listSlots();
         stVELTTokens = {};
         stVELTTokens.type = TOKEN_IDC;
-        stVELTTokens.ObjectsInit = fakeObjectsInit;
-        stVELTTokens.GetPublicKey = fakeGetPublicKey;
-        stVELTTokens.GetCertificate = fakeGetCertificate;
+        stVELTTokens.ObjectsInit = scriptedObjectsInit;
+        stVELTTokens.GetPublicKey = scriptedGetPublicKey;
+        stVELTTokens.GetCertificate = scriptedGetCertificate;
     }
 
     // Refreshes the reader table as C_GetSlotList does. The object table counts as current after.

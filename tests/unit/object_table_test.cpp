@@ -14,9 +14,9 @@ namespace {
 
 using velt_test::DriverCall;
 using velt_test::FailingAllocation;
-using velt_test::fake;
 using velt_test::liveBlocks;
 using velt_test::MessageMark;
+using velt_test::scripted;
 
 constexpr std::uint64_t OTHER_FLAGS = 0x30;
 
@@ -44,7 +44,7 @@ TEST_F(ObjectTable, ACurrentTableIsNotLoadedWhateverTheTokenType)
         EXPECT_EQ(OTHER_FLAGS, oiFlags);
         EXPECT_EQ(TOKEN_IDC, stVELTTokens.type);
     }
-    EXPECT_TRUE(fake.calls.empty());
+    EXPECT_TRUE(scripted.calls.empty());
 }
 
 TEST_F(ObjectTable, AStaleTableIsLoadedOnceAndAllFlagsAreCleared)
@@ -56,13 +56,13 @@ TEST_F(ObjectTable, AStaleTableIsLoadedOnceAndAllFlagsAreCleared)
                     "VELTObjectsInit complete", "VELTObjectsInit CKR_OK");
     EXPECT_EQ(0U, oiFlags);
     EXPECT_EQ(0U, VELTObjectsInit(session(), TOKEN_IDC));
-    EXPECT_EQ((std::vector<DriverCall>{{"ObjectsInit", session(), 0}}), fake.calls);
+    EXPECT_EQ((std::vector<DriverCall>{{"ObjectsInit", session(), 0}}), scripted.calls);
 }
 
 TEST_F(ObjectTable, TheFlagIsStillSetWhileTheDriverLoads)
 {
     std::uint64_t seen = 0;
-    fake.objectsInit = [&seen] {
+    scripted.objectsInit = [&seen] {
         seen = oiFlags;
         return CKR_OK;
     };
@@ -78,7 +78,7 @@ TEST_F(ObjectTable, AnotherFamilyReplacesTheOperationsBeforeTheLoad)
     stVELTTokens.type = TOKEN_KT;
     oiFlags = RELOAD_OBJECTS;
     EXPECT_EQ(NAMES_UNREADABLE, VELTObjectsInit(NO_SESSION, TOKEN_IDC));
-    EXPECT_TRUE(fake.calls.empty());
+    EXPECT_TRUE(scripted.calls.empty());
     EXPECT_EQ(TOKEN_IDC, stVELTTokens.type);
     EXPECT_EQ(&fObjectsInitIDC, stVELTTokens.ObjectsInit);
     EXPECT_EQ(&fGetCertificateIDC, stVELTTokens.GetCertificate);
@@ -89,10 +89,10 @@ TEST_F(ObjectTable, AnUnknownFamilyLoadsThroughTheOperationsThatStand)
     for (const std::uint64_t tokenType : {0U, 5U}) {
         stVELTTokens.type = TOKEN_IDC;
         oiFlags = RELOAD_OBJECTS;
-        fake.calls.clear();
+        scripted.calls.clear();
         EXPECT_EQ(0U, VELTObjectsInit(session(), tokenType));
         EXPECT_EQ(TOKEN_NONE, stVELTTokens.type);
-        EXPECT_EQ((std::vector<DriverCall>{{"ObjectsInit", session(), 0}}), fake.calls);
+        EXPECT_EQ((std::vector<DriverCall>{{"ObjectsInit", session(), 0}}), scripted.calls);
         EXPECT_EQ(0U, oiFlags);
     }
 }
@@ -100,17 +100,17 @@ TEST_F(ObjectTable, AnUnknownFamilyLoadsThroughTheOperationsThatStand)
 TEST_F(ObjectTable, AFailedLoadIsPassedOnSilentlyAndTriedAgain)
 {
     for (const CK_RV code : {CK_RV{1}, CK_RV{2}, CK_RV{6}, CK_RV{84}, ~CK_RV{0}}) {
-        fake.calls.clear();
-        fake.objectsInit = [code] { return code; };
+        scripted.calls.clear();
+        scripted.objectsInit = [code] { return code; };
         oiFlags = RELOAD_OBJECTS | OTHER_FLAGS;
         const MessageMark mark;
         EXPECT_EQ(code, VELTObjectsInit(session(), TOKEN_IDC));
         EXPECT_MESSAGES(mark, "VELTObjectsInit", "VELTObjectsInit Do init = true");
         EXPECT_EQ(RELOAD_OBJECTS | OTHER_FLAGS, oiFlags);
         EXPECT_EQ(code, VELTObjectsInit(session(), TOKEN_IDC));
-        fake.objectsInit = [] { return CKR_OK; };
+        scripted.objectsInit = [] { return CKR_OK; };
         EXPECT_EQ(0U, VELTObjectsInit(session(), TOKEN_IDC));
-        EXPECT_EQ(3U, fake.calls.size());
+        EXPECT_EQ(3U, scripted.calls.size());
         EXPECT_EQ(0U, oiFlags);
     }
 }

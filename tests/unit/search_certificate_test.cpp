@@ -33,7 +33,7 @@ TEST_F(SearchCertificate, ACertificateFieldBeforeTheClassIsRefused)
             EXPECT_EQ(nullptr, pTempl->attrs);
         }
     }
-    EXPECT_TRUE(fake.calls.empty());
+    EXPECT_TRUE(scripted.calls.empty());
 }
 
 TEST_F(SearchCertificate, ACertificateFieldOfAnotherClassIsRefused)
@@ -164,7 +164,7 @@ TEST_F(SearchCertificate, CertificateFieldsCountOnlyWhileTheTemplateIsOfThatClas
     addPublicKey("y");
     EXPECT_EQ((Handles{}),
               find(certificates().add(CKA_ISSUER, {0x30, 0x02}).addClass(CKO_PUBLIC_KEY)));
-    EXPECT_TRUE(fake.calls.empty());
+    EXPECT_TRUE(scripted.calls.empty());
 }
 
 TEST_F(SearchCertificate, OtherObjectsScoreNothingForCertificateFields)
@@ -176,7 +176,7 @@ TEST_F(SearchCertificate, OtherObjectsScoreNothingForCertificateFields)
     EXPECT_EQ((Handles{3}), find(certificates().addNull(CKA_ISSUER)))
         << "class and label of the last";
     EXPECT_EQ((Handles{}), find(certificates().addNull(CKA_ISSUER).addNull(CKA_VALUE)));
-    EXPECT_TRUE(fake.calls.empty());
+    EXPECT_TRUE(scripted.calls.empty());
 }
 
 TEST_F(SearchCertificate, AnUnreadCertificateIsAskedForByItsPosition)
@@ -186,7 +186,7 @@ TEST_F(SearchCertificate, AnUnreadCertificateIsAskedForByItsPosition)
     addCertificate("x");
     addPublicKey("x");
     addCertificate("x");
-    fake.getCertificate = [](std::uint64_t position) {
+    scripted.getCertificate = [](std::uint64_t position) {
         CertAttr& attr = *velt::certificateOf(velt::entryAt(position));
         setField(attr.value, attr.valueLen, {0x30, 0x01});
         setField(attr.issuer, attr.issuerLen, {0x30, velt::lowByte(position)});
@@ -197,9 +197,9 @@ TEST_F(SearchCertificate, AnUnreadCertificateIsAskedForByItsPosition)
     EXPECT_EQ((Handles{4}), find(certificates().add(CKA_ISSUER, {0x30, 3})));
     const std::vector<DriverCall> asked{{"GetCertificate", session(), 1},
                                         {"GetCertificate", session(), 3}};
-    EXPECT_EQ(asked, fake.calls);
+    EXPECT_EQ(asked, scripted.calls);
     EXPECT_EQ((Handles{2}), find(certificates().add(CKA_ISSUER, {0x30, 1})));
-    EXPECT_EQ(asked, fake.calls) << "once read, not asked again";
+    EXPECT_EQ(asked, scripted.calls) << "once read, not asked again";
 }
 
 TEST_F(SearchCertificate, TheFirstPositionIsAskedForToo)
@@ -207,18 +207,18 @@ TEST_F(SearchCertificate, TheFirstPositionIsAskedForToo)
     makeTable(1);
     addCertificate("x");
     find(certificates().add(CKA_ISSUER, {1}));
-    EXPECT_EQ((std::vector<DriverCall>{{"GetCertificate", session(), 0}}), fake.calls);
+    EXPECT_EQ((std::vector<DriverCall>{{"GetCertificate", session(), 0}}), scripted.calls);
 }
 
 TEST_F(SearchCertificate, ACertificateThatCannotBeReadIsComparedAsItStands)
 {
     makeTable(1);
     addCertificate("x");
-    fake.getCertificate = [](std::uint64_t) { return CK_RV{2}; };
+    scripted.getCertificate = [](std::uint64_t) { return CK_RV{2}; };
     ASSERT_EQ(CKR_OK, init(certificates().add(CKA_ISSUER, {1})));
     EXPECT_EQ((Handles{1}), next(0, 5)); // the class and three empty fields
     EXPECT_EQ((Handles{}), next(0, 5));
-    EXPECT_EQ(2U, fake.calls.size()) << "asked again by each step";
+    EXPECT_EQ(2U, scripted.calls.size()) << "asked again by each step";
 }
 
 TEST_F(SearchCertificate, ADriverThatCannotReadCertificatesIsNotAsked)
@@ -234,7 +234,7 @@ TEST_F(SearchCertificate, NothingIsReadWithoutCertificateFieldsInTheTemplate)
     makeTable(1);
     addCertificate("x");
     EXPECT_EQ((Handles{1}), find(certificates()));
-    EXPECT_TRUE(fake.calls.empty());
+    EXPECT_TRUE(scripted.calls.empty());
 }
 
 TEST_F(SearchCertificate, NothingIsReadBehindTheLastHandleHandedOut)
@@ -245,7 +245,7 @@ TEST_F(SearchCertificate, NothingIsReadBehindTheLastHandleHandedOut)
     addCertificate("x");
     ASSERT_EQ(CKR_OK, init(certificates().addNull(CKA_ISSUER)));
     EXPECT_EQ((Handles{1}), next(1, 1));
-    EXPECT_EQ((std::vector<DriverCall>{{"GetCertificate", session(), 0}}), fake.calls);
+    EXPECT_EQ((std::vector<DriverCall>{{"GetCertificate", session(), 0}}), scripted.calls);
 }
 
 } // namespace

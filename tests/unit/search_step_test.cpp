@@ -263,7 +263,7 @@ TEST_F(SearchStep, MarksStayWithTheHandlesThroughAReload)
 TEST_F(SearchStep, EmptyEntriesOfARebuiltTableAreNeverHandedOut)
 {
     makeMixedTable();
-    fake.objectsInit = [] {
+    scripted.objectsInit = [] {
         makeTable(6);
         addPublicKey();
         addPublicKey().handle = REMOVED_MARKER;

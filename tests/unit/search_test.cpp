@@ -81,14 +81,14 @@ TEST_F(SearchFrame, InitReportsItsTemplate)
 
 TEST_F(SearchFrame, InitLoadsAStaleTable)
 {
-    fake.objectsInit = [] {
+    scripted.objectsInit = [] {
         makeTable(3);
         addPublicKey();
         return CKR_OK;
     };
     oiFlags = RELOAD_OBJECTS;
     EXPECT_EQ((Handles{1}), find(empty()));
-    EXPECT_EQ((std::vector<DriverCall>{{"ObjectsInit", session(), 0}}), fake.calls);
+    EXPECT_EQ((std::vector<DriverCall>{{"ObjectsInit", session(), 0}}), scripted.calls);
 }
 
 TEST_F(SearchFrame, InitNamesALoadWithoutMemoryOrCard)
@@ -97,7 +97,7 @@ TEST_F(SearchFrame, InitNamesALoadWithoutMemoryOrCard)
     const char* const texts[] = {"FindObjectsInit CKR_HOST_MEMORY",
                                  "FindObjectsInit CKR_DEVICE_ERROR"};
     for (std::size_t i = 0; i < 2; ++i) {
-        fake.objectsInit = [code = cases[i].first] { return code; };
+        scripted.objectsInit = [code = cases[i].first] { return code; };
         oiFlags = RELOAD_OBJECTS;
         const MessageMark mark;
         EXPECT_EQ(cases[i].second, init(certificates()));
@@ -114,7 +114,7 @@ TEST_F(SearchFrame, InitSearchesWhatThereIsAfterAnyOtherFailure)
     makeTable(2);
     addPublicKey();
     for (const CK_RV code : {CK_RV{3}, CK_RV{6}, CK_RV{84}}) {
-        fake.objectsInit = [code] { return code; };
+        scripted.objectsInit = [code] { return code; };
         oiFlags = RELOAD_OBJECTS;
         EXPECT_EQ((Handles{1}), find(empty())) << code;
         EXPECT_EQ(RELOAD_OBJECTS, oiFlags);
@@ -128,7 +128,7 @@ TEST_F(SearchFrame, AFailedLoadLeavesARunningSearchItsMarks)
     makeMixedTable();
     ASSERT_EQ(CKR_OK, init(empty()));
     EXPECT_EQ((Handles{1, 2, 3}), next(3, 3));
-    fake.objectsInit = [] { return CK_RV{2}; };
+    scripted.objectsInit = [] { return CK_RV{2}; };
     oiFlags = RELOAD_OBJECTS;
     EXPECT_EQ(CKR_DEVICE_ERROR, init(certificates())); // its template stays, its count too
     EXPECT_EQ(1, bFindInit);
