@@ -38,7 +38,8 @@ std::uint64_t fVELTTokensInit(TokenDriver* table, std::uint64_t tokenType) noexc
 inline constexpr std::uint64_t STRINDEX_NOT_FOUND = 0xFFFFFFFF;
 
 // Position of the first occurrence of needle in haystack, or STRINDEX_NOT_FOUND; an empty needle is
-// never found. Nothing behind either length is read.
+// never found. Only the position is bounded by haystackLen: an occurrence may end behind it, so
+// needleLen - 1 bytes must be readable there.
 std::uint64_t strindex(const std::uint8_t* haystack, std::uint64_t haystackLen,
                        const std::uint8_t* needle, std::uint64_t needleLen) noexcept;
 
@@ -50,6 +51,17 @@ CK_RV VELT_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type,
                             CK_MECHANISM_INFO* pInfo) noexcept;
 
 namespace velt {
+
+// Whether a family's table has its type and every operation.
+constexpr bool complete(const TokenDriver& table) noexcept
+{
+    return table.type != 0 && table.GetTokenInfo != nullptr && table.GetMechanismList != nullptr &&
+           table.Login != nullptr && table.Logout != nullptr && table.ObjectsInit != nullptr &&
+           table.CreateObject != nullptr && table.GenerateKeyPair != nullptr &&
+           table.SignInit != nullptr && table.Sign != nullptr && table.DestroyObject != nullptr &&
+           table.GenerateRandom != nullptr && table.GetPublicKey != nullptr &&
+           table.GetCertificate != nullptr;
+}
 
 // Loads the family's operations if the table is empty or holds another family's.
 void ensureDriver(std::uint64_t tokenType) noexcept;

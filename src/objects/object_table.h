@@ -61,8 +61,8 @@ CertAttr* certificateOf(ObjectEntry* entry) noexcept;
 PubKeyAttr* publicKeyOf(ObjectEntry* entry) noexcept;
 PrivKeyAttr* privateKeyOf(ObjectEntry* entry) noexcept;
 
-// Frees the table with all its blocks and allocates `entries` new ones, zeroed and marked as empty.
-// ulObjCount becomes 0. False: out of memory, and there is no table.
+// Frees the table with all its blocks and allocates `entries` new ones, zeroed and marked as empty;
+// for 0 there is no table. ulObjCount becomes 0. False: out of memory, and there is no table.
 bool rebuildObjects(std::size_t entries) noexcept;
 
 // Allocates a zeroed class block for an entry; NULL when memory ran out.

@@ -16,17 +16,6 @@ constexpr CK_VERSION VERSION_1_0{1, 0};
 
 constexpr std::array<CK_MECHANISM_TYPE, 2> MECHANISMS{CKM_RSA_PKCS, CKM_RSA_PKCS_KEY_PAIR_GEN};
 
-// Whether every operation of a table is there.
-constexpr bool complete(const TokenDriver& table) noexcept
-{
-    return table.type != TOKEN_NONE && table.GetTokenInfo != nullptr &&
-           table.GetMechanismList != nullptr && table.Login != nullptr && table.Logout != nullptr &&
-           table.ObjectsInit != nullptr && table.CreateObject != nullptr &&
-           table.GenerateKeyPair != nullptr && table.SignInit != nullptr && table.Sign != nullptr &&
-           table.DestroyObject != nullptr && table.GenerateRandom != nullptr &&
-           table.GetPublicKey != nullptr && table.GetCertificate != nullptr;
-}
-
 } // namespace
 
 CK_RV fGetTokenInfoIDC(TokenDriver* /*table*/, CK_SLOT_ID /*slotID*/, CK_TOKEN_INFO* pInfo) noexcept
@@ -76,4 +65,4 @@ constexpr TokenDriver driverIDC{
     .GetPublicKey = fGetPublicKeyIDC,
     .GetCertificate = fGetCertificateIDC,
 };
-static_assert(complete(driverIDC));
+static_assert(velt::complete(driverIDC));
