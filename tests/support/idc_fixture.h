@@ -255,7 +255,7 @@ protected:
         }
     }
 
-    // What was sent so far is what was stated so far.
+    // What was sent since the last comparison is what was stated.
     void expectAllExchanged()
     {
         EXPECT_EQ("", card->verdict());
@@ -264,6 +264,8 @@ protected:
             sent.push_back(line(call.sent, call.capacity));
         }
         EXPECT_EQ(expected, sent) << sim::pcsc::describeCalls();
+        expected.clear();
+        sim::pcsc::clearCalls();
     }
 
     static std::string line(const Bytes& command, std::size_t capacity)

@@ -179,11 +179,10 @@ protected:
         return steps;
     }
 
-    // A fault whose reply leaves less than a status as the room of the next command.
+    // A fault that leaves no length, or less than a status, as the room of the next command.
     static bool starvesNext(const std::vector<Step>& steps, std::size_t faulty, const Fault& fault)
     {
-        return !fault.result && !fault.comesFromCard() && faulty + 1 < steps.size() &&
-               steps[faulty + 1].asIs;
+        return !fault.comesFromCard() && faulty + 1 < steps.size() && steps[faulty + 1].asIs;
     }
 
     // Runs an operation once for each exchange and each fault.
@@ -225,6 +224,29 @@ TEST_F(IdcFaults, ALoadKeepsWhatItMadeBeforeTheFailure)
             EXPECT_EQ(outcome.deviceError, deviceError());
             EXPECT_MESSAGES(mark, outcome.told);
         });
+}
+
+TEST_F(IdcFaults, AKeyHasTheRoomThatALostSelectionLeft)
+{
+    const std::uint64_t noRoom = pcscCode(SCARD_E_INSUFFICIENT_BUFFER);
+    for (const Fault& fault : allFaults()) {
+        if (fault.comesFromCard()) {
+            continue;
+        }
+        SCOPED_TRACE(fault.name);
+        mark.reset();
+        expectAliases();
+        expectNoCertificate(1);
+        expect(SELECT_MF, OK);
+        expectFaulty(ending(SELECT_DF_0101, 0), fault);
+        expect(getPublicKey(1), hex("61 8F"), fault.reply.size());
+        expectNoCertificate(2);
+        expectKey(2, pattern(128));
+        EXPECT_EQ(0U, fObjectsInitIDC(table, session));
+        expectMade({4, 5});
+        EXPECT_MESSAGES(mark, numbered("IDCard ObjectsInit CKA_MODULUS read error ", noRoom));
+        expectAllExchanged();
+    }
 }
 
 TEST_F(IdcFaults, AFailedLoadIsTriedAgain)
@@ -308,7 +330,8 @@ TEST_F(IdcFaults, ALoadOnACardThatVanishesEndsWhereItsResultCounts)
                 ++i;
                 continue;
             }
-            expectLost(steps[i].command, SCARD_W_REMOVED_CARD, steps[i].capacity);
+            const bool hasNoRoom = steps[i].asIs && i > gone;
+            expectLost(steps[i].command, SCARD_W_REMOVED_CARD, hasNoRoom ? 0 : steps[i].capacity);
             ended = steps[i].ends;
             i = steps[i].next.value_or(i + 1);
         }

@@ -25,12 +25,12 @@ protected:
         return fLoginIDC(table, session, exact.data(), exact.size());
     }
 
-    // Whether the command buffer holds nothing behind a header any more.
+    // Whether the command buffer holds nothing where Lc and the PIN block were.
     static bool commandBufferIsWiped()
     {
         const velt::Command probe{0x00, 0x00, 0x00, 0x00};
         const std::uint8_t* buffer = probe.bytes().data();
-        return std::all_of(buffer + 4, buffer + 64, [](std::uint8_t byte) { return byte == 0; });
+        return std::all_of(buffer + 4, buffer + 13, [](std::uint8_t byte) { return byte == 0; });
     }
 };
 
@@ -170,6 +170,7 @@ CK_RV meaningOf(unsigned status)
 {
     switch (status) { // SW1 in the high byte
     case 0x9000:
+    case 0x0000: // the exchange's result for a success is 0, too
         return CKR_OK;
     case 0x8469:
     case 0x6983:

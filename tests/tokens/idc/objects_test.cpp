@@ -536,7 +536,7 @@ TEST_F(IdcObjects, RefusedSelectionsBeforeAKeyDecideNothing)
     expectFetched(getPublicKey(1), publicKeyHeader() + pattern(128));
     expectNoCertificate(2);
     expectLost(SELECT_MF, SCARD_E_COMM_DATA_LOST);
-    expectLost(SELECT_DF_0101, SCARD_E_COMM_DATA_LOST);
+    expect(SELECT_DF_0101, "69 82");
     expectFetched(getPublicKey(2), publicKeyHeader() + pattern(128));
     EXPECT_EQ(0U, load());
     expectMade({1, 2, 4, 5});
