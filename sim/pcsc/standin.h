@@ -49,10 +49,11 @@ struct Call {
     unsigned long disposition = 0;   // Disconnect
     unsigned long timeout = 0;       // GetStatusChange
     bool bufferGiven = false;        // ListReaders: a name buffer; Transmit: a receive PCI
-    unsigned long capacity = 0;      // ListReaders, Transmit: the length on entry
+    unsigned long capacity = 0;      // ListReaders, Transmit: the length on entry; GetStatusChange:
+                                     // the number of states
     Bytes sent;                      // Transmit: the command
     Bytes received;                  // Transmit: the bytes put into the caller's buffer
-    std::vector<StateRecord> states; // GetStatusChange
+    std::vector<StateRecord> states; // GetStatusChange; none if there were more than 16
 };
 
 // What happens instead of, or around, one call. Fields left out change nothing.
@@ -61,6 +62,7 @@ struct Action {
     std::optional<long> result;               // the call is not carried out and returns this
     std::optional<Bytes> reply;               // Transmit: returned verbatim, the card is not asked
     std::function<Bytes(const Bytes&)> alter; // Transmit: changes the card's reply
+    std::optional<unsigned long> protocol;    // Connect: told to the caller instead of the card's
 };
 
 // Back to the start: service running, plug-and-play on, no readers, no contexts, nothing planned,
@@ -83,6 +85,7 @@ void setServiceRunning(bool running);
 void onNth(Function function, std::size_t n, Action action);
 void onNthOfAny(std::size_t n, Action action);
 void clearPlans();
+std::size_t pendingPlans(); // actions whose call has not come yet
 
 // Shorthands.
 void failNth(Function function, std::size_t n, long result);

@@ -1,0 +1,447 @@
+// The commands of the simulated identity card.
+#include "sim/cards/id_card.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace sim {
+
+namespace {
+
+enum Status : unsigned {
+    kDone = 0x9000,
+    kFileEndsEarly = 0x6282,
+    kWrongPin = 0x63C0, // and the attempts left
+    kWrongLength = 0x6700,
+    kSecurityStatus = 0x6982,
+    kPinBlocked = 0x6983,
+    kConditions = 0x6985,
+    kNoCurrentFile = 0x6986,
+    kWrongData = 0x6A80,
+    kFileNotFound = 0x6A82,
+    kFileFull = 0x6A84,
+    kWrongParameters = 0x6A86,
+    kObjectNotFound = 0x6A88,
+    kWrongOffset = 0x6B00,
+    kUnknownInstruction = 0x6D00,
+    kUnknownClass = 0x6E00,
+};
+
+constexpr std::uint8_t kMoreData = 0x61;    // SW1; SW2 is how many bytes
+constexpr std::uint8_t kExactLength = 0x6C; // SW1; SW2 is the length to ask for
+
+constexpr std::size_t kHeaderLength = 5;
+constexpr std::size_t kShortMost = 256;             // length that a byte of 00 stands for
+constexpr std::uint8_t kShortFileIdentifier = 0x80; // P1 names a file rather than an offset
+
+constexpr std::array<std::uint8_t, 2> kMasterFile{0x3F, 0x00};
+constexpr std::array<std::uint8_t, 2> kCertificateDirectory{0x08, 0x01};
+constexpr std::array<std::uint8_t, 2> kKeyDirectory{0x01, 0x01};
+constexpr std::uint8_t kFirstFile = 0x01; // certificate files 0101 and 0102
+constexpr std::uint8_t kFirstPrivateKey = 0x87;
+constexpr std::uint8_t kFirstPublicKey = 0x07;
+
+// What stands before and behind the key reference in the data fields that name a key.
+constexpr std::array<std::uint8_t, 4> kPublicKeyHead{0x4D, 0x09, 0xFF, 0xA0};
+constexpr std::array<std::uint8_t, 6> kPublicKeyTail{0x05, 0x7F, 0x49, 0x02, 0x81, 0x00};
+constexpr std::array<std::uint8_t, 5> kEnvironmentHead{0x95, 0x01, 0x40, 0x84, 0x01};
+constexpr std::array<std::uint8_t, 3> kEnvironmentTail{0x80, 0x01, 0x02};
+constexpr std::array<std::uint8_t, 4> kGenerateHead{0xA4, 0x03, 0x84, 0x01};
+
+constexpr std::array<std::uint8_t, 2> kAbsentKey{0x4D, 0x00}; // a header list that names nothing
+constexpr std::string_view kPinFiller = "0000";
+
+constexpr std::uint8_t lowByte(std::size_t value)
+{
+    return static_cast<std::uint8_t>(value & 0xFFu);
+}
+
+Bytes status(unsigned value)
+{
+    return {lowByte(value >> 8), lowByte(value)};
+}
+
+Bytes with(std::span<const std::uint8_t> data, unsigned value)
+{
+    Bytes answer(data.begin(), data.end());
+    answer.push_back(lowByte(value >> 8));
+    answer.push_back(lowByte(value));
+    return answer;
+}
+
+bool same(std::span<const std::uint8_t> left, std::span<const std::uint8_t> right)
+{
+    return std::equal(left.begin(), left.end(), right.begin(), right.end());
+}
+
+// Position of the key that a reference names, if the card has such a position.
+std::optional<std::size_t> positionOf(std::uint8_t reference, std::uint8_t first)
+{
+    if (reference < first || reference - first >= static_cast<int>(kIdCardPositions)) {
+        return std::nullopt;
+    }
+    return static_cast<std::size_t>(reference - first);
+}
+
+// The reference between a fixed head and tail; nothing if the field is made otherwise.
+std::optional<std::uint8_t> referenceIn(std::span<const std::uint8_t> field,
+                                        std::span<const std::uint8_t> head,
+                                        std::span<const std::uint8_t> tail)
+{
+    if (field.size() != head.size() + 1 + tail.size() || !same(field.first(head.size()), head) ||
+        !same(field.last(tail.size()), tail)) {
+        return std::nullopt;
+    }
+    return field[head.size()];
+}
+
+// Tag and a length in the two-byte form, which keeps the template's head at 15 bytes for any key.
+void putHeader(Bytes& out, std::span<const std::uint8_t> tag, std::size_t length)
+{
+    out.insert(out.end(), tag.begin(), tag.end());
+    out.insert(out.end(), {0x82, lowByte(length >> 8), lowByte(length)});
+}
+
+Bytes publicKeyTemplate(std::uint8_t reference, const Bytes& modulus)
+{
+    constexpr std::size_t kModulusHeader = 4;
+    constexpr std::size_t kKeyHeader = 5;
+    const std::array<std::uint8_t, 3> object{0xFF, 0xA0, reference};
+    constexpr std::array<std::uint8_t, 2> publicKey{0x7F, 0x49};
+    constexpr std::array<std::uint8_t, 1> modulusTag{0x81};
+    Bytes out;
+    putHeader(out, object, kKeyHeader + kModulusHeader + modulus.size());
+    putHeader(out, publicKey, kModulusHeader + modulus.size());
+    putHeader(out, modulusTag, modulus.size());
+    out.insert(out.end(), modulus.begin(), modulus.end());
+    return out;
+}
+
+} // namespace
+
+// A command with its five header bytes; data are the bytes behind P3.
+struct IdCard::Command {
+    std::uint8_t p1;
+    std::uint8_t p2;
+    std::uint8_t p3;
+    std::span<const std::uint8_t> data;
+
+    bool parameters(std::uint8_t first, std::uint8_t second) const
+    {
+        return p1 == first && p2 == second;
+    }
+    // P3 counts the data, and there is some.
+    bool counted() const { return p3 != 0 && data.size() == p3; }
+    // P3 is the length wanted, and no data came.
+    bool wants() const { return data.empty(); }
+    std::size_t wanted() const { return p3 == 0 ? kShortMost : p3; }
+    std::size_t offset() const { return (std::size_t{p1} << 8) | p2; }
+};
+
+struct IdCard::Instruction {
+    std::uint8_t code;
+    Bytes (IdCard::*run)(const Command&);
+    unsigned long IdCardCounters::*counter;
+};
+
+const std::array<IdCard::Instruction, 10> IdCard::kInstructions{{
+    {0xA4, &IdCard::select, &IdCardCounters::selects},
+    {0xB0, &IdCard::readBinary, &IdCardCounters::reads},
+    {0xD6, &IdCard::updateBinary, &IdCardCounters::updates},
+    {0xCA, &IdCard::getData, &IdCardCounters::dataObjects},
+    {0xCB, &IdCard::getPublicKey, &IdCardCounters::publicKeys},
+    {0x20, &IdCard::verify, &IdCardCounters::verifies},
+    {0x22, &IdCard::setEnvironment, &IdCardCounters::environments},
+    {0x88, &IdCard::sign, &IdCardCounters::signCommands},
+    {0x46, &IdCard::generate, &IdCardCounters::generations},
+    {0xC0, &IdCard::getResponse, &IdCardCounters::getResponses},
+}};
+
+Bytes IdCard::transmit(std::span<const std::uint8_t> command)
+{
+    ++counters_.commands;
+    const Bytes waiting = std::exchange(pending_, {});
+    if (command.size() < kHeaderLength - 1) {
+        return status(kWrongLength);
+    }
+    if (command[0] != 0x00) {
+        return status(kUnknownClass);
+    }
+    const auto known = std::find_if(kInstructions.begin(), kInstructions.end(),
+                                    [&](const Instruction& i) { return i.code == command[1]; });
+    if (known == kInstructions.end()) {
+        return status(kUnknownInstruction);
+    }
+    ++(counters_.*known->counter);
+    if (command.size() < kHeaderLength) {
+        return status(kWrongLength);
+    }
+    if (known->run == &IdCard::getResponse) {
+        pending_ = waiting; // the one command that leaves them be
+    }
+    return (this->*known->run)(
+        {command[2], command[3], command[4], command.subspan(kHeaderLength)});
+}
+
+// Keeps the data for GET RESPONSE and says how many bytes there are, 00 for 256 and more.
+Bytes IdCard::answerLater(Bytes data)
+{
+    pending_ = std::move(data);
+    return {kMoreData, lowByte(std::min(pending_.size(), kShortMost))};
+}
+
+Bytes IdCard::getResponse(const Command& command)
+{
+    if (!command.parameters(0x00, 0x00) || !command.wants()) {
+        pending_.clear();
+        return status(command.wants() ? kWrongParameters : kWrongLength);
+    }
+    if (pending_.empty()) {
+        return status(kConditions);
+    }
+    const std::size_t ready = std::min(pending_.size(), kShortMost);
+    if (command.wanted() > ready) {
+        return {kExactLength, lowByte(ready)};
+    }
+    const auto end = pending_.begin() + static_cast<std::ptrdiff_t>(command.wanted());
+    Bytes answer(pending_.begin(), end);
+    pending_.erase(pending_.begin(), end);
+    const Bytes closing = pending_.empty()
+                              ? status(kDone)
+                              : Bytes{kMoreData, lowByte(std::min(pending_.size(), kShortMost))};
+    answer.insert(answer.end(), closing.begin(), closing.end());
+    return answer;
+}
+
+Bytes IdCard::select(const Command& command)
+{
+    constexpr std::uint8_t kNoResponse = 0x0C;
+    if (command.p1 > 0x02 || command.p2 != kNoResponse) {
+        return status(kWrongParameters);
+    }
+    if (!command.counted() || command.data.size() != 2) {
+        return status(kWrongLength);
+    }
+    if (command.p1 == 0x00) {
+        return same(command.data, kMasterFile) ? enter(Directory::Master) : status(kFileNotFound);
+    }
+    return command.p1 == 0x01 ? selectDirectory(command) : selectFile(command);
+}
+
+Bytes IdCard::enter(Directory directory)
+{
+    directory_ = directory;
+    openFile_.reset();
+    signingKey_.reset();
+    return status(kDone);
+}
+
+// Directories are found from the master file alone.
+Bytes IdCard::selectDirectory(const Command& command)
+{
+    if (directory_ == Directory::Master && same(command.data, kCertificateDirectory)) {
+        return enter(Directory::Certificates);
+    }
+    if (directory_ == Directory::Master && same(command.data, kKeyDirectory)) {
+        return enter(Directory::Keys);
+    }
+    return status(kFileNotFound);
+}
+
+Bytes IdCard::selectFile(const Command& command)
+{
+    const std::optional<std::size_t> position = positionOf(command.data[1], kFirstFile);
+    if (directory_ != Directory::Certificates || command.data[0] != 0x01 || !position) {
+        return status(kFileNotFound);
+    }
+    openFile_ = position;
+    return status(kDone);
+}
+
+Bytes IdCard::readBinary(const Command& command)
+{
+    if ((command.p1 & kShortFileIdentifier) != 0) {
+        return status(kWrongParameters);
+    }
+    if (!command.wants()) {
+        return status(kWrongLength);
+    }
+    if (!openFile_) {
+        return status(kNoCurrentFile);
+    }
+    const std::span<const std::uint8_t> content = places_[*openFile_].file;
+    if (command.offset() >= content.size()) {
+        return status(kWrongOffset);
+    }
+    const auto rest = content.subspan(command.offset());
+    return rest.size() < command.wanted() ? shortAnswer(rest, command.p3 == 0)
+                                          : with(rest.first(command.wanted()), kDone);
+}
+
+// A length of 00 asks for whatever there is, so that fewer than 256 bytes deserve no warning.
+Bytes IdCard::shortAnswer(std::span<const std::uint8_t> rest, bool anyLength) const
+{
+    if (shortRead_ == ShortRead::WrongLength) {
+        return {kExactLength, lowByte(rest.size())};
+    }
+    const bool warned = shortRead_ == ShortRead::Warning && !anyLength;
+    return with(rest, warned ? kFileEndsEarly : kDone);
+}
+
+Bytes IdCard::updateBinary(const Command& command)
+{
+    if ((command.p1 & kShortFileIdentifier) != 0) {
+        return status(kWrongParameters);
+    }
+    // A length byte of 00 with 256 bytes behind it is taken as 256.
+    if (command.data.size() != command.wanted()) {
+        return status(kWrongLength);
+    }
+    if (!openFile_) {
+        return status(kNoCurrentFile);
+    }
+    if (!verified_) {
+        return status(kSecurityStatus);
+    }
+    Bytes& content = places_[*openFile_].file;
+    if (command.offset() >= content.size()) {
+        return status(kWrongOffset);
+    }
+    if (command.data.size() > content.size() - command.offset()) {
+        return status(kFileFull);
+    }
+    std::copy(command.data.begin(), command.data.end(),
+              content.begin() + static_cast<std::ptrdiff_t>(command.offset()));
+    ++revision_;
+    return status(kDone);
+}
+
+Bytes IdCard::getData(const Command& command)
+{
+    if (!command.wants()) {
+        return status(kWrongLength);
+    }
+    if (!command.parameters(0xDF, 0x01) || directory_ != Directory::Master) {
+        return status(kObjectNotFound);
+    }
+    if (command.p3 != cardObject_.size()) {
+        return {kExactLength, lowByte(cardObject_.size())};
+    }
+    return with(cardObject_, kDone);
+}
+
+Bytes IdCard::getPublicKey(const Command& command)
+{
+    if (!command.parameters(0x3F, 0xFF)) {
+        return status(kWrongParameters);
+    }
+    if (!command.counted()) {
+        return status(kWrongLength);
+    }
+    const auto reference = referenceIn(command.data, kPublicKeyHead, kPublicKeyTail);
+    if (!reference) {
+        return status(kWrongData);
+    }
+    const auto position = positionOf(*reference, kFirstPublicKey);
+    if (directory_ != Directory::Keys || !position) {
+        return status(kObjectNotFound);
+    }
+    const RsaKey& asked = places_[*position].key;
+    return answerLater(asked ? publicKeyTemplate(*reference, asked.modulus())
+                             : Bytes(kAbsentKey.begin(), kAbsentKey.end()));
+}
+
+Bytes IdCard::verify(const Command& command)
+{
+    if (!command.parameters(0x00, 0x02)) {
+        return status(kWrongParameters);
+    }
+    const std::string whole = pin_ + std::string(kPinFiller);
+    if (!command.counted() || command.data.size() != whole.size()) {
+        return status(kWrongLength);
+    }
+    if (directory_ != Directory::Master) {
+        return status(kObjectNotFound);
+    }
+    if (retriesLeft_ == 0) {
+        return status(kPinBlocked);
+    }
+    verified_ = same(command.data, Bytes(whole.begin(), whole.end()));
+    const std::uint8_t left = verified_ ? retryLimit_ : static_cast<std::uint8_t>(retriesLeft_ - 1);
+    revision_ += left != retriesLeft_ ? 1u : 0u;
+    retriesLeft_ = left;
+    return status(verified_ ? kDone : kWrongPin + left);
+}
+
+Bytes IdCard::setEnvironment(const Command& command)
+{
+    if (!command.parameters(0x41, 0xA4)) {
+        return status(kWrongParameters);
+    }
+    if (!command.counted()) {
+        return status(kWrongLength);
+    }
+    const auto reference = referenceIn(command.data, kEnvironmentHead, kEnvironmentTail);
+    if (!reference) {
+        return status(kWrongData);
+    }
+    if (directory_ != Directory::Keys) {
+        return status(kConditions);
+    }
+    const auto position = positionOf(*reference, kFirstPrivateKey);
+    if (!position || !places_[*position].key) {
+        return status(kObjectNotFound);
+    }
+    signingKey_ = position;
+    return status(kDone);
+}
+
+Bytes IdCard::sign(const Command& command)
+{
+    if (!command.parameters(0x02, 0x00)) {
+        return status(kWrongParameters);
+    }
+    if (!command.counted()) {
+        return status(kWrongLength);
+    }
+    if (!verified_) {
+        return status(kSecurityStatus);
+    }
+    if (!signingKey_) {
+        return status(kConditions);
+    }
+    const RsaKey& key = places_[*signingKey_].key;
+    if (command.data.size() > key.signCapacity()) {
+        return status(kWrongLength);
+    }
+    ++counters_.signatures;
+    return answerLater(key.sign(command.data));
+}
+
+Bytes IdCard::generate(const Command& command)
+{
+    if (!command.parameters(0x02, 0x00)) {
+        return status(kWrongParameters);
+    }
+    if (!command.counted()) {
+        return status(kWrongLength);
+    }
+    const auto reference = referenceIn(command.data, kGenerateHead, {});
+    if (!reference) {
+        return status(kWrongData);
+    }
+    if (directory_ != Directory::Keys) {
+        return status(kConditions);
+    }
+    if (!verified_) {
+        return status(kSecurityStatus);
+    }
+    const auto position = positionOf(*reference, kFirstPrivateKey);
+    if (!position) {
+        return status(kObjectNotFound);
+    }
+    setKey(*position, RsaKey::generate(generatedBits_));
+    return status(kDone);
+}
+
+} // namespace sim

@@ -1,0 +1,141 @@
+// Comparing CK_RV codes so that a failure names both.
+#pragma once
+
+#include "src/front/pkcs11.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <sstream>
+#include <string>
+
+namespace velt_test {
+
+struct CodeName {
+    CK_RV code;
+    const char* name;
+};
+
+// "CKR_PIN_LOCKED (164)"
+inline std::string codeName(CK_RV code)
+{
+    static constexpr std::array names{
+        CodeName{CKR_OK, "CKR_OK"},
+        CodeName{CKR_CANCEL, "CKR_CANCEL"},
+        CodeName{CKR_HOST_MEMORY, "CKR_HOST_MEMORY"},
+        CodeName{CKR_SLOT_ID_INVALID, "CKR_SLOT_ID_INVALID"},
+        CodeName{CKR_GENERAL_ERROR, "CKR_GENERAL_ERROR"},
+        CodeName{CKR_FUNCTION_FAILED, "CKR_FUNCTION_FAILED"},
+        CodeName{CKR_ARGUMENTS_BAD, "CKR_ARGUMENTS_BAD"},
+        CodeName{CKR_NO_EVENT, "CKR_NO_EVENT"},
+        CodeName{CKR_NEED_TO_CREATE_THREADS, "CKR_NEED_TO_CREATE_THREADS"},
+        CodeName{CKR_CANT_LOCK, "CKR_CANT_LOCK"},
+        CodeName{CKR_ATTRIBUTE_READ_ONLY, "CKR_ATTRIBUTE_READ_ONLY"},
+        CodeName{CKR_ATTRIBUTE_SENSITIVE, "CKR_ATTRIBUTE_SENSITIVE"},
+        CodeName{CKR_ATTRIBUTE_TYPE_INVALID, "CKR_ATTRIBUTE_TYPE_INVALID"},
+        CodeName{CKR_ATTRIBUTE_VALUE_INVALID, "CKR_ATTRIBUTE_VALUE_INVALID"},
+        CodeName{CKR_ACTION_PROHIBITED, "CKR_ACTION_PROHIBITED"},
+        CodeName{CKR_DATA_INVALID, "CKR_DATA_INVALID"},
+        CodeName{CKR_DATA_LEN_RANGE, "CKR_DATA_LEN_RANGE"},
+        CodeName{CKR_DEVICE_ERROR, "CKR_DEVICE_ERROR"},
+        CodeName{CKR_DEVICE_MEMORY, "CKR_DEVICE_MEMORY"},
+        CodeName{CKR_DEVICE_REMOVED, "CKR_DEVICE_REMOVED"},
+        CodeName{CKR_ENCRYPTED_DATA_INVALID, "CKR_ENCRYPTED_DATA_INVALID"},
+        CodeName{CKR_ENCRYPTED_DATA_LEN_RANGE, "CKR_ENCRYPTED_DATA_LEN_RANGE"},
+        CodeName{CKR_FUNCTION_CANCELED, "CKR_FUNCTION_CANCELED"},
+        CodeName{CKR_FUNCTION_NOT_PARALLEL, "CKR_FUNCTION_NOT_PARALLEL"},
+        CodeName{CKR_FUNCTION_NOT_SUPPORTED, "CKR_FUNCTION_NOT_SUPPORTED"},
+        CodeName{CKR_KEY_HANDLE_INVALID, "CKR_KEY_HANDLE_INVALID"},
+        CodeName{CKR_KEY_SIZE_RANGE, "CKR_KEY_SIZE_RANGE"},
+        CodeName{CKR_KEY_TYPE_INCONSISTENT, "CKR_KEY_TYPE_INCONSISTENT"},
+        CodeName{CKR_KEY_NOT_NEEDED, "CKR_KEY_NOT_NEEDED"},
+        CodeName{CKR_KEY_CHANGED, "CKR_KEY_CHANGED"},
+        CodeName{CKR_KEY_NEEDED, "CKR_KEY_NEEDED"},
+        CodeName{CKR_KEY_INDIGESTIBLE, "CKR_KEY_INDIGESTIBLE"},
+        CodeName{CKR_KEY_FUNCTION_NOT_PERMITTED, "CKR_KEY_FUNCTION_NOT_PERMITTED"},
+        CodeName{CKR_KEY_NOT_WRAPPABLE, "CKR_KEY_NOT_WRAPPABLE"},
+        CodeName{CKR_KEY_UNEXTRACTABLE, "CKR_KEY_UNEXTRACTABLE"},
+        CodeName{CKR_MECHANISM_INVALID, "CKR_MECHANISM_INVALID"},
+        CodeName{CKR_MECHANISM_PARAM_INVALID, "CKR_MECHANISM_PARAM_INVALID"},
+        CodeName{CKR_OBJECT_HANDLE_INVALID, "CKR_OBJECT_HANDLE_INVALID"},
+        CodeName{CKR_OPERATION_ACTIVE, "CKR_OPERATION_ACTIVE"},
+        CodeName{CKR_OPERATION_NOT_INITIALIZED, "CKR_OPERATION_NOT_INITIALIZED"},
+        CodeName{CKR_PIN_INCORRECT, "CKR_PIN_INCORRECT"},
+        CodeName{CKR_PIN_INVALID, "CKR_PIN_INVALID"},
+        CodeName{CKR_PIN_LEN_RANGE, "CKR_PIN_LEN_RANGE"},
+        CodeName{CKR_PIN_EXPIRED, "CKR_PIN_EXPIRED"},
+        CodeName{CKR_PIN_LOCKED, "CKR_PIN_LOCKED"},
+        CodeName{CKR_SESSION_CLOSED, "CKR_SESSION_CLOSED"},
+        CodeName{CKR_SESSION_COUNT, "CKR_SESSION_COUNT"},
+        CodeName{CKR_SESSION_HANDLE_INVALID, "CKR_SESSION_HANDLE_INVALID"},
+        CodeName{CKR_SESSION_PARALLEL_NOT_SUPPORTED, "CKR_SESSION_PARALLEL_NOT_SUPPORTED"},
+        CodeName{CKR_SESSION_READ_ONLY, "CKR_SESSION_READ_ONLY"},
+        CodeName{CKR_SESSION_EXISTS, "CKR_SESSION_EXISTS"},
+        CodeName{CKR_SESSION_READ_ONLY_EXISTS, "CKR_SESSION_READ_ONLY_EXISTS"},
+        CodeName{CKR_SESSION_READ_WRITE_SO_EXISTS, "CKR_SESSION_READ_WRITE_SO_EXISTS"},
+        CodeName{CKR_SIGNATURE_INVALID, "CKR_SIGNATURE_INVALID"},
+        CodeName{CKR_SIGNATURE_LEN_RANGE, "CKR_SIGNATURE_LEN_RANGE"},
+        CodeName{CKR_TEMPLATE_INCOMPLETE, "CKR_TEMPLATE_INCOMPLETE"},
+        CodeName{CKR_TEMPLATE_INCONSISTENT, "CKR_TEMPLATE_INCONSISTENT"},
+        CodeName{CKR_TOKEN_NOT_PRESENT, "CKR_TOKEN_NOT_PRESENT"},
+        CodeName{CKR_TOKEN_NOT_RECOGNIZED, "CKR_TOKEN_NOT_RECOGNIZED"},
+        CodeName{CKR_TOKEN_WRITE_PROTECTED, "CKR_TOKEN_WRITE_PROTECTED"},
+        CodeName{CKR_UNWRAPPING_KEY_SIZE_RANGE, "CKR_UNWRAPPING_KEY_SIZE_RANGE"},
+        CodeName{CKR_UNWRAPPING_KEY_TYPE_INCONSISTENT, "CKR_UNWRAPPING_KEY_TYPE_INCONSISTENT"},
+        CodeName{CKR_USER_ALREADY_LOGGED_IN, "CKR_USER_ALREADY_LOGGED_IN"},
+        CodeName{CKR_USER_NOT_LOGGED_IN, "CKR_USER_NOT_LOGGED_IN"},
+        CodeName{CKR_USER_PIN_NOT_INITIALIZED, "CKR_USER_PIN_NOT_INITIALIZED"},
+        CodeName{CKR_USER_TYPE_INVALID, "CKR_USER_TYPE_INVALID"},
+        CodeName{CKR_USER_ANOTHER_ALREADY_LOGGED_IN, "CKR_USER_ANOTHER_ALREADY_LOGGED_IN"},
+        CodeName{CKR_USER_TOO_MANY_TYPES, "CKR_USER_TOO_MANY_TYPES"},
+        CodeName{CKR_WRAPPED_KEY_INVALID, "CKR_WRAPPED_KEY_INVALID"},
+        CodeName{CKR_WRAPPED_KEY_LEN_RANGE, "CKR_WRAPPED_KEY_LEN_RANGE"},
+        CodeName{CKR_WRAPPING_KEY_HANDLE_INVALID, "CKR_WRAPPING_KEY_HANDLE_INVALID"},
+        CodeName{CKR_WRAPPING_KEY_SIZE_RANGE, "CKR_WRAPPING_KEY_SIZE_RANGE"},
+        CodeName{CKR_WRAPPING_KEY_TYPE_INCONSISTENT, "CKR_WRAPPING_KEY_TYPE_INCONSISTENT"},
+        CodeName{CKR_RANDOM_SEED_NOT_SUPPORTED, "CKR_RANDOM_SEED_NOT_SUPPORTED"},
+        CodeName{CKR_RANDOM_NO_RNG, "CKR_RANDOM_NO_RNG"},
+        CodeName{CKR_DOMAIN_PARAMS_INVALID, "CKR_DOMAIN_PARAMS_INVALID"},
+        CodeName{CKR_CURVE_NOT_SUPPORTED, "CKR_CURVE_NOT_SUPPORTED"},
+        CodeName{CKR_BUFFER_TOO_SMALL, "CKR_BUFFER_TOO_SMALL"},
+        CodeName{CKR_SAVED_STATE_INVALID, "CKR_SAVED_STATE_INVALID"},
+        CodeName{CKR_INFORMATION_SENSITIVE, "CKR_INFORMATION_SENSITIVE"},
+        CodeName{CKR_STATE_UNSAVEABLE, "CKR_STATE_UNSAVEABLE"},
+        CodeName{CKR_CRYPTOKI_NOT_INITIALIZED, "CKR_CRYPTOKI_NOT_INITIALIZED"},
+        CodeName{CKR_CRYPTOKI_ALREADY_INITIALIZED, "CKR_CRYPTOKI_ALREADY_INITIALIZED"},
+        CodeName{CKR_MUTEX_BAD, "CKR_MUTEX_BAD"},
+        CodeName{CKR_MUTEX_NOT_LOCKED, "CKR_MUTEX_NOT_LOCKED"},
+        CodeName{CKR_NEW_PIN_MODE, "CKR_NEW_PIN_MODE"},
+        CodeName{CKR_NEXT_OTP, "CKR_NEXT_OTP"},
+        CodeName{CKR_EXCEEDED_MAX_ITERATIONS, "CKR_EXCEEDED_MAX_ITERATIONS"},
+        CodeName{CKR_FIPS_SELF_TEST_FAILED, "CKR_FIPS_SELF_TEST_FAILED"},
+        CodeName{CKR_LIBRARY_LOAD_FAILED, "CKR_LIBRARY_LOAD_FAILED"},
+        CodeName{CKR_PIN_TOO_WEAK, "CKR_PIN_TOO_WEAK"},
+        CodeName{CKR_PUBLIC_KEY_INVALID, "CKR_PUBLIC_KEY_INVALID"},
+        CodeName{CKR_FUNCTION_REJECTED, "CKR_FUNCTION_REJECTED"},
+    };
+    std::ostringstream text;
+    for (const CodeName& known : names) {
+        if (known.code == code) {
+            text << known.name << " (" << code << ")";
+            return text.str();
+        }
+    }
+    text << "code " << code << " (0x" << std::hex << code << ")";
+    return text.str();
+}
+
+inline ::testing::AssertionResult sameCode(const char* /*expectedText*/, const char* callText,
+                                           CK_RV expected, CK_RV actual)
+{
+    if (expected == actual) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << callText << "\n  answered " << codeName(actual)
+                                         << "\n  expected " << codeName(expected);
+}
+
+} // namespace velt_test
+
+#define EXPECT_RV(expected, call) EXPECT_PRED_FORMAT2(velt_test::sameCode, expected, call)
+#define ASSERT_RV(expected, call) ASSERT_PRED_FORMAT2(velt_test::sameCode, expected, call)
