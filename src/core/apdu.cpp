@@ -174,6 +174,10 @@ Command& Command::put(ByteView bytes) noexcept
 
 Command& Command::putCounted(ByteView bytes) noexcept
 {
+    if (bytes.size() >= commandBuffer.size() - length_) { // Lc takes a byte, too
+        overflowed_ = true;
+        return *this;
+    }
     return put(lowByte(bytes.size())).put(bytes);
 }
 
