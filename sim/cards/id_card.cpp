@@ -1,7 +1,6 @@
 #include "sim/cards/id_card.h"
 
 #include "sim/cards/gzip_member.h"
-#include "sim/cards/test_ca.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -32,10 +31,10 @@ RsaKey keyFor(std::size_t position, unsigned bits, bool fresh)
     return RsaKey::generate(bits);
 }
 
-Bytes certificateFor(std::size_t position, const RsaKey& key)
+Bytes certificateFor(std::size_t position, const RsaKey& key, const NameAttributes& issuer)
 {
     CertificateRequest request;
-    request.issuer = defaultIssuer();
+    request.issuer = issuer;
     request.subject = {{"C", "KZ"},
                        {"CN", position == 0 ? "Velt Holder One" : "Velt Holder Two"},
                        {"SN", "Holder"},
@@ -84,7 +83,7 @@ IdCard::IdCard(const IdCardOptions& options)
             setCertificate(position, wanted.certificateDer);
         } else if (wanted.certificate) {
             const RsaKey key = place.key ? place.key : keyFor(position, 2048, false);
-            setCertificate(position, certificateFor(position, key));
+            setCertificate(position, certificateFor(position, key, options.issuer));
         }
     }
     revision_ = 0;

@@ -11,6 +11,7 @@
 
 #include "sim/cards/card.h"
 #include "sim/cards/rsa_key.h"
+#include "sim/cards/test_ca.h"
 
 #include <array>
 #include <cstddef>
@@ -46,6 +47,7 @@ struct IdCardOptions {
     std::uint8_t retryLimit = 3;
     std::array<std::uint8_t, 9> cardObject{0x19, 0x86, 0x02, 0x17, 0x35, 0x01, 0x00, 0x42, 0x7C};
     std::array<IdCardPosition, ID_CARD_POSITIONS> positions{};
+    NameAttributes issuer = defaultIssuer(); // of the certificates that the card makes for itself
     std::size_t fileSize = 2 + 4096;
     unsigned generatedBits = 2048; // size of the keys that the card generates
     ShortRead shortRead = ShortRead::Warning;

@@ -20,6 +20,7 @@ constexpr CK_ATTRIBUTE_TYPE VENDOR_FLAG = 0xCE534352;
 
 const Bytes YES{1};
 const Bytes NO{0};
+const Bytes NO_DATE{'2', 0, 0, 0, 0, 0, 0, 0}; // of a certificate whose times were not found
 
 using Values = std::map<CK_ATTRIBUTE_TYPE, Bytes>;
 
@@ -370,8 +371,8 @@ TEST_F(ShapesTest, AShortIssuerBringsSerialAndIssuerOnly)
     EXPECT_EQ(hex("02 04 00 80 01 02"), value(CERTIFICATE_1, CKA_SERIAL_NUMBER));
     EXPECT_EQ(parsed.issuer, value(CERTIFICATE_1, CKA_ISSUER));
     EXPECT_EQ(Bytes{}, value(CERTIFICATE_1, CKA_SUBJECT));
-    EXPECT_EQ(Bytes(8, 0), value(CERTIFICATE_1, CKA_START_DATE));
-    EXPECT_EQ(Bytes(8, 0), value(CERTIFICATE_1, CKA_END_DATE));
+    EXPECT_EQ(NO_DATE, value(CERTIFICATE_1, CKA_START_DATE));
+    EXPECT_EQ(NO_DATE, value(CERTIFICATE_1, CKA_END_DATE));
 }
 
 TEST_F(ShapesTest, AnEmptyAttributeIsServedIntoNoRoom)
@@ -398,8 +399,8 @@ TEST_F(ShapesTest, AVersionOneCertificateHasItsValueAlone)
     for (const CK_ATTRIBUTE_TYPE type : {CKA_SERIAL_NUMBER, CKA_ISSUER, CKA_SUBJECT}) {
         EXPECT_EQ(Bytes{}, value(CERTIFICATE_1, type));
     }
-    EXPECT_EQ(Bytes(8, 0), value(CERTIFICATE_1, CKA_START_DATE));
-    EXPECT_EQ(Bytes(8, 0), value(CERTIFICATE_1, CKA_END_DATE));
+    EXPECT_EQ(NO_DATE, value(CERTIFICATE_1, CKA_START_DATE));
+    EXPECT_EQ(NO_DATE, value(CERTIFICATE_1, CKA_END_DATE));
 }
 
 TEST_F(ShapesTest, AFullYearFillsBothDatesFromTheFirstTime)

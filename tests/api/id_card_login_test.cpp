@@ -206,7 +206,9 @@ TEST_F(IdCardLoginTest, TheCardsOddAnswersAreMappedAsTheyStand)
 TEST_F(IdCardLoginTest, ARefusedSelectionOfTheMasterFileDoesNotStopTheLogin)
 {
     openOn();
-    pcsc::replyNth(1, hex("6A 82"));
+    pcsc::Action refusal;
+    refusal.alter = [](const Bytes&) { return hex("6A 82"); };
+    pcsc::onNth(pcsc::Function::Transmit, 1, refusal);
     EXPECT_RV(CKR_OK, login(session, PIN));
     EXPECT_EQ((Commands{SELECT_MASTER, VERIFY_1234}), sent());
 }

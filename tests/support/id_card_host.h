@@ -119,12 +119,13 @@ inline Commands signCommands(std::uint8_t keyReference, const Bytes& data)
     return {SELECT_MASTER, SELECT_KEYS, {environment, 2}, {authenticate, 258}};
 }
 
-class IdCardHost : public ModuleTest {
+// Each test has an instance of the module to itself: pending operations outlive C_Finalize.
+class IdCardHost : public FreshModuleTest {
 protected:
     void TearDown() override
     {
         pcsc::clearPlans();
-        ModuleTest::TearDown();
+        FreshModuleTest::TearDown();
     }
 
     // Puts a card into the reader, initialises and lists.

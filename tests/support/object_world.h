@@ -4,6 +4,7 @@
 
 #include "sim/cards/card.h"
 #include "sim/pcsc/standin.h"
+#include "src/core/bytes.h"
 #include "src/core/readers.h"
 #include "src/core/session.h"
 #include "src/core/token_driver.h"
@@ -95,7 +96,7 @@ inline void put(std::span<std::uint8_t> field, std::span<const std::uint8_t> byt
 {
     ASSERT_LE(bytes.size(), field.size());
     std::ranges::fill(field, std::uint8_t{0});
-    std::ranges::copy(bytes, field.begin());
+    velt::copyBounded(field, bytes);
 }
 
 inline Bytes bytesOf(std::string_view text)
