@@ -15,6 +15,7 @@
 #include "tests/support/messages.h"
 #include "tests/support/resource_faults.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
