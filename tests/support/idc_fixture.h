@@ -16,6 +16,7 @@
 #include "tests/support/failing_alloc.h"
 #include "tests/support/resource_faults.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>

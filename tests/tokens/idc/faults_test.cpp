@@ -533,7 +533,7 @@ protected:
 TEST_F(IdcGenerationFaults, AFailedCommandEndsTheGenerationWithoutAReload)
 {
     failEverywhere(
-        generationSteps(), [this] { setLabels(); },
+        generationSteps(), [] { setLabels(); },
         [this](const Outcome& outcome) {
             ASSERT_TRUE(outcome.ended);
             EXPECT_EQ(CKR_FUNCTION_FAILED, generate());
