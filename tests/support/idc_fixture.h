@@ -13,8 +13,10 @@
 #include "src/objects/object_table.h"
 #include "src/tokens/idc/idc.h"
 #include "tests/support/messages.h"
+#include "tests/support/failing_alloc.h"
 #include "tests/support/resource_faults.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -126,6 +128,7 @@ protected:
 
     void TearDown() override
     {
+        alloc::clear();
         stopFailing();
         expectAllExchanged();
         EXPECT_EQ(CKR_OK, C_Finalize(nullptr));

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #ifdef VELT_DEBUG_LOG
+#include "tests/support/paths.h"
+
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -15,7 +17,7 @@ static void enterOwnDirectory()
 {
     // Process numbers come round again within one long run, hence the time as well.
     const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-    const std::filesystem::path own = std::filesystem::path(VELT_BINARY_DIR) / "run" /
+    const std::filesystem::path own = std::filesystem::path(velt_test::buildDirectory) / "run" /
                                       (std::to_string(getpid()) + '-' + std::to_string(now));
     std::filesystem::create_directories(own);
     std::filesystem::current_path(own);

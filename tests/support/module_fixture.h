@@ -1,4 +1,4 @@
-// Tests through the built module: it is loaded from VELT_MODULE and called through its function
+// Tests through the built module: it is loaded from its file and called through its function
 // list, over the stand-in for PC/SC.
 #pragma once
 
@@ -8,6 +8,7 @@
 #include "tests/support/fields.h"
 #include "tests/support/known_cards.h"
 #include "tests/support/messages.h"
+#include "tests/support/paths.h"
 #include "tests/support/refresh_messages.h"
 
 #include <gtest/gtest.h>
@@ -51,7 +52,7 @@ public:
     // Loaded once a process and never unloaded.
     static const Module& shared()
     {
-        static const Module module{VELT_MODULE};
+        static const Module module{velt_test::builtModule};
         return module;
     }
 
@@ -61,9 +62,9 @@ public:
         namespace fs = std::filesystem;
         static int copies = 0;
         const fs::path copy =
-            fs::path(VELT_BINARY_DIR) /
+            fs::path(velt_test::buildDirectory) /
             ("module-copy-" + std::to_string(getpid()) + "-" + std::to_string(++copies) + ".so");
-        fs::copy_file(VELT_MODULE, copy, fs::copy_options::overwrite_existing);
+        fs::copy_file(velt_test::builtModule, copy, fs::copy_options::overwrite_existing);
         Module module{copy.string()};
         fs::remove(copy);
         return module;

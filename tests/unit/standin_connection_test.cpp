@@ -411,6 +411,7 @@ TEST_F(Transactions, KeepOthersOut)
     plugWithCard("A");
     const SCARDHANDLE mine = connect("A");
     const SCARDHANDLE other = connect("A");
+    const SCARDHANDLE leaving = connect("A");
     EXPECT_RESULT(SCARD_S_SUCCESS, SCardBeginTransaction(mine));
     EXPECT_RESULT(SCARD_S_SUCCESS, transmit(mine, SELECT, 2).result);
     EXPECT_RESULT(SCARD_E_SHARING_VIOLATION, transmit(other, SELECT, 2).result);
@@ -418,6 +419,7 @@ TEST_F(Transactions, KeepOthersOut)
     EXPECT_RESULT(SCARD_E_SHARING_VIOLATION, SCardEndTransaction(other, SCARD_LEAVE_CARD));
     EXPECT_RESULT(SCARD_E_SHARING_VIOLATION, tryConnect(context_, "A").result);
     EXPECT_RESULT(SCARD_E_SHARING_VIOLATION, SCardDisconnect(other, SCARD_RESET_CARD));
+    EXPECT_RESULT(SCARD_S_SUCCESS, SCardDisconnect(leaving, SCARD_LEAVE_CARD));
     EXPECT_RESULT(SCARD_S_SUCCESS, SCardEndTransaction(mine, SCARD_LEAVE_CARD));
     EXPECT_RESULT(SCARD_S_SUCCESS, transmit(other, SELECT, 2).result);
 }

@@ -20,6 +20,9 @@ TEST_F(Contexts, HaveDifferentNumbersOtherThanZero)
     EXPECT_NE(second, 0);
     EXPECT_NE(context_, second);
     EXPECT_EQ(pcsc::openContexts(), 2u);
+    for (const SCARDCONTEXT neighbour : {context_ - 1, context_ + 1, second - 1, second + 1}) {
+        EXPECT_RESULT(SCARD_E_INVALID_HANDLE, SCardIsValidContext(neighbour));
+    }
 }
 
 TEST_F(Contexts, AreValidUntilTheyAreReleased)

@@ -304,9 +304,9 @@ TEST_F(IdcFaults, ALoadWithoutMemoryKeepsWhatItMade)
             expect(steps[i].command, steps[i].reply, steps[i].capacity);
         }
         oiFlags = RELOAD_OBJECTS;
-        failNthAllocation(failing);
+        alloc::failNth(failing);
         EXPECT_EQ(1U, VELTObjectsInit(session, TOKEN_IDC));
-        stopFailing();
+        alloc::clear();
         EXPECT_EQ(RELOAD_OBJECTS, oiFlags);
         if (failing == 1) {
             EXPECT_EQ(nullptr, VELTObj);
@@ -358,7 +358,7 @@ TEST_F(IdcFaults, AnOpeningTellsAFailedLoadAndKeepsTheSession)
     }
     CK_SESSION_HANDLE opened = 0;
     oiFlags = RELOAD_OBJECTS;
-    failNthAllocation(1);
+    alloc::failNth(1);
     EXPECT_EQ(CKR_TOKEN_NOT_RECOGNIZED,
               VELT_OpenSession(0, CKF_SERIAL_SESSION, nullptr, nullptr, &opened));
     EXPECT_TRUE(velt::isOpenSession(opened));
@@ -533,7 +533,7 @@ protected:
 TEST_F(IdcGenerationFaults, AFailedCommandEndsTheGenerationWithoutAReload)
 {
     failEverywhere(
-        generationSteps(), [this] { setLabels(); },
+        generationSteps(), [] { setLabels(); },
         [this](const Outcome& outcome) {
             ASSERT_TRUE(outcome.ended);
             EXPECT_EQ(CKR_FUNCTION_FAILED, generate());
@@ -582,7 +582,7 @@ TEST_F(IdcGenerationFaults, AReloadWithoutMemoryIsToldAsSuch)
     for (const Step& step : generationSteps()) {
         expect(step.command, step.reply, step.capacity);
     }
-    failNthAllocation(1);
+    alloc::failNth(1);
     EXPECT_EQ(CKR_HOST_MEMORY, generate());
     EXPECT_EQ(RELOAD_OBJECTS, oiFlags);
     EXPECT_MESSAGES(mark, "VELTObjectsInit", "VELTObjectsInit Do init = true",

@@ -570,6 +570,8 @@ TEST_F(IdcObjects, TheLoadRunsThroughTheGateOfTheTable)
 
 TEST_F(IdcObjects, LabelsCarryTheCardsNumberInCapitals)
 {
+    Alias1.fill('x'); // nothing of what was there stays
+    Alias2.fill('x');
     expectAliases();
     EXPECT_EQ(0U, VELT_SetAliasesIDC(session));
     EXPECT_EQ(aliasBytes("RSA1010203040506070809"), aliasBytes(Alias1));
