@@ -82,12 +82,18 @@ TEST_F(TableMemory, ASecondBlockReplacesTheFirst)
 TEST_F(TableMemory, WithoutMemoryAnEntryStaysWithoutABlock)
 {
     makeTable(3);
-    const FailingAllocation first(1);
-    EXPECT_EQ(nullptr, velt::attachCertificate(VELTObj[0]));
-    const FailingAllocation second(1);
-    EXPECT_EQ(nullptr, velt::attachPublicKey(VELTObj[1]));
-    const FailingAllocation third(1);
-    EXPECT_EQ(nullptr, velt::attachPrivateKey(VELTObj[2]));
+    {
+        const FailingAllocation failing(1);
+        EXPECT_EQ(nullptr, velt::attachCertificate(VELTObj[0]));
+    }
+    {
+        const FailingAllocation failing(1);
+        EXPECT_EQ(nullptr, velt::attachPublicKey(VELTObj[1]));
+    }
+    {
+        const FailingAllocation failing(1);
+        EXPECT_EQ(nullptr, velt::attachPrivateKey(VELTObj[2]));
+    }
     for (std::uint64_t position = 0; position < 3; ++position) {
         EXPECT_EQ(nullptr, VELTObj[position].attrs);
     }
