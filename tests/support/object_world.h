@@ -25,7 +25,7 @@
 #include <string_view>
 #include <vector>
 
-namespace velt_test {
+namespace velt_test::objects {
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -202,4 +202,4 @@ private:
     CK_SESSION_HANDLE open_ = 0;
 };
 
-} // namespace velt_test
+} // namespace velt_test::objects

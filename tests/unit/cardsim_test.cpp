@@ -2,6 +2,7 @@
 #include "sim/cards/id_card.h"
 #include "sim/cards/scripted_card.h"
 #include "sim/cards/test_ca.h"
+#include "tests/support/paths.h"
 #include "tests/support/virtual_reader.h"
 
 #include <filesystem>
@@ -75,7 +76,8 @@ protected:
 
     void start(std::vector<std::string> arguments)
     {
-        arguments.insert(arguments.begin(), VELT_BINARY_DIR "/velt-cardsim");
+        arguments.insert(arguments.begin(),
+                         std::string(velt_test::buildDirectory) + "/velt-cardsim");
         std::vector<char*> raw;
         for (std::string& argument : arguments) {
             raw.push_back(argument.data());

@@ -8,6 +8,7 @@
 namespace {
 
 using namespace velt_test;
+using namespace velt_test::objects;
 
 using Calls = std::vector<DriverCall>;
 
