@@ -100,6 +100,20 @@ TEST_F(Plans, ForAnyFunctionCountAllCalls)
     EXPECT_RESULT(SCARD_S_SUCCESS, SCardListReaders(context_, nullptr, nullptr, &length));
 }
 
+TEST_F(Plans, ForAFunctionPrevailOverThoseForAnyAndTheseOverAStoppedService)
+{
+    pcsc::failNth(Function::IsValidContext, 1, SCARD_E_NOT_READY);
+    pcsc::failNth(Function::IsValidContext, 1, SCARD_E_CANCELLED);
+    Action fail;
+    fail.result = SCARD_E_SYSTEM_CANCELLED;
+    pcsc::onNthOfAny(1, fail);
+    pcsc::onNthOfAny(2, fail);
+    pcsc::setServiceRunning(false);
+    EXPECT_RESULT(SCARD_E_NOT_READY, SCardIsValidContext(context_));
+    EXPECT_RESULT(SCARD_E_SYSTEM_CANCELLED, SCardIsValidContext(context_));
+    EXPECT_RESULT(SCARD_E_NO_SERVICE, SCardIsValidContext(context_));
+}
+
 TEST_F(Plans, LeaveOutputsAsAFailureOfTheServiceDoes)
 {
     plugWithCard("A");
@@ -375,6 +389,13 @@ TEST_F(Threads, TakeTurnsWithACard)
     constexpr int THREADS = 16;
     constexpr int ROUNDS = 200;
     const auto card = plugWithCard("A");
+    std::atomic<int> inside = 0;
+    std::atomic<int> overlaps = 0;
+    card->onTransmit = [&] {
+        overlaps += inside++ != 0;
+        std::this_thread::yield();
+        --inside;
+    };
     std::atomic<int> failures = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < THREADS; ++t) {
@@ -398,6 +419,7 @@ TEST_F(Threads, TakeTurnsWithACard)
         thread.join();
     }
     EXPECT_EQ(failures, 0);
+    EXPECT_EQ(overlaps, 0);
     EXPECT_EQ(card->commands.size(), std::size_t{THREADS * ROUNDS});
     EXPECT_EQ(card->resets, 1u);
     EXPECT_EQ(pcsc::calls(Function::Transmit).size(), std::size_t{THREADS * ROUNDS});
