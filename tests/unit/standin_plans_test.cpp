@@ -430,14 +430,15 @@ TEST_F(Threads, TakeTurnsWithACard)
 TEST_F(Threads, MayChangeTheWorldUnderEachOther)
 {
     constexpr int THREADS = 15;
+    constexpr int ROUNDS = 500;
     const auto card = plugWithCard("A");
-    std::atomic<bool> done = false;
+    std::atomic<int> busy = THREADS;
     std::atomic<int> strange = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < THREADS; ++t) {
         threads.emplace_back([&, t] {
             const SCARDCONTEXT context = establish();
-            while (!done) {
+            for (int i = 0; i < ROUNDS; ++i) {
                 SCARDHANDLE handle = 0;
                 DWORD active = 0;
                 const LONG rv = SCardConnect(context, "A", SCARD_SHARE_SHARED, SCARD_PROTOCOL_ANY,
@@ -450,18 +451,17 @@ TEST_F(Threads, MayChangeTheWorldUnderEachOther)
                 pcsc::clearCalls();
             }
             SCardReleaseContext(context);
+            --busy;
         });
     }
-    for (int i = 0; i < 40; ++i) {
+    while (busy != 0) {
         pcsc::removeCard("A");
         pcsc::failNth(Function::Transmit, 1, SCARD_F_COMM_ERROR);
         pcsc::insertCard("A", card);
         pcsc::unplugReader("A");
         pcsc::plugReader("A");
         pcsc::insertCard("A", card);
-        std::this_thread::yield();
     }
-    done = true;
     for (std::thread& thread : threads) {
         thread.join();
     }
