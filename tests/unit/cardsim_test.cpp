@@ -2,7 +2,6 @@
 #include "sim/cards/id_card.h"
 #include "sim/cards/scripted_card.h"
 #include "sim/cards/test_ca.h"
-#include "tests/support/paths.h"
 #include "tests/support/virtual_reader.h"
 
 #include <filesystem>
@@ -45,6 +44,16 @@ bool await(Condition condition)
     return false;
 }
 
+// The program lies in the build directory, above this one.
+std::string cardsimProgram()
+{
+    std::filesystem::path directory = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    while (!std::filesystem::exists(directory / "velt-cardsim") && directory.has_relative_path()) {
+        directory = directory.parent_path();
+    }
+    return directory / "velt-cardsim";
+}
+
 std::string pemOf(const sim::Bytes& der)
 {
     std::vector<unsigned char> encoded(der.size() * 2);
@@ -76,8 +85,7 @@ protected:
 
     void start(std::vector<std::string> arguments)
     {
-        arguments.insert(arguments.begin(),
-                         std::string(velt_test::buildDirectory) + "/velt-cardsim");
+        arguments.insert(arguments.begin(), cardsimProgram());
         std::vector<char*> raw;
         for (std::string& argument : arguments) {
             raw.push_back(argument.data());
