@@ -23,6 +23,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace velt_test::objects {
@@ -103,6 +104,22 @@ inline Bytes bytesOf(std::string_view text)
 {
     return {text.begin(), text.end()};
 }
+
+// While one lives, an entry has no block.
+class WithoutBlock {
+public:
+    explicit WithoutBlock(ObjectEntry& entry)
+        : entry_(entry), block_(std::exchange(entry.attrs, nullptr))
+    {
+    }
+    ~WithoutBlock() { entry_.attrs = block_; }
+    WithoutBlock(const WithoutBlock&) = delete;
+    WithoutBlock& operator=(const WithoutBlock&) = delete;
+
+private:
+    ObjectEntry& entry_;
+    void* block_;
+};
 
 class ObjectWorld : public ::testing::Test {
 protected:

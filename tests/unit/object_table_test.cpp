@@ -5,9 +5,7 @@
 #include "tests/support/messages.h"
 #include "tests/support/object_world.h"
 
-#include <cstdlib>
 #include <cstring>
-#include <utility>
 
 namespace {
 
@@ -190,7 +188,7 @@ TEST_F(ObjectTable, OnlyAMarkedOrBlocklessEntryIsNotLive)
     entry.handle = REMOVED_MARKER;
     EXPECT_FALSE(velt::isLive(&entry));
     entry.handle = 1;
-    std::free(std::exchange(entry.attrs, nullptr));
+    const velt_test::objects::WithoutBlock without(entry);
     EXPECT_FALSE(velt::isLive(&entry));
     EXPECT_FALSE(velt::isLive(velt::entryAt(1)));
     EXPECT_FALSE(velt::isLive(nullptr));

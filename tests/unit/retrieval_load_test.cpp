@@ -2,9 +2,6 @@
 // modulus comes from.
 #include "tests/support/retrieval_world.h"
 
-#include <cstdlib>
-#include <utility>
-
 namespace {
 
 using namespace velt_test;
@@ -216,7 +213,7 @@ TEST_F(KeyBefore, IsNoneWhenItWasRemoved)
 
 TEST_F(KeyBefore, IsNoneWithoutItsBlock)
 {
-    std::free(std::exchange(velt::entryOf(PUBLIC_KEY)->attrs, nullptr));
+    const WithoutBlock without(*velt::entryOf(PUBLIC_KEY));
     expectNone(PRIVATE_KEY);
 }
 

@@ -59,7 +59,7 @@ TEST_F(Retrieval, ACountOfZeroIsRefusedBeforeTheObject)
 TEST_F(Retrieval, AHandleWithoutALiveObjectIsRefusedAndNothingIsWritten)
 {
     velt::entryOf(PRIVATE_KEY)->handle = REMOVED_MARKER;
-    std::free(std::exchange(velt::entryOf(PUBLIC_KEY)->attrs, nullptr));
+    const WithoutBlock without(*velt::entryOf(PUBLIC_KEY));
     const CK_OBJECT_HANDLE handles[] = {0,
                                         PRIVATE_KEY,
                                         PUBLIC_KEY,
