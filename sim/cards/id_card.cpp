@@ -156,7 +156,7 @@ void IdCard::setCertificate(std::size_t position, std::span<const std::uint8_t> 
     }
     std::fill(content.begin(), content.end(), std::uint8_t{0});
     content[0] = static_cast<std::uint8_t>(member.size() >> 8);
-    content[1] = static_cast<std::uint8_t>(member.size() & 0xFFu);
+    content[1] = static_cast<std::uint8_t>(member.size() & 0xFFU);
     std::copy(member.begin(), member.end(), content.begin() + 2);
     ++revision_;
 }

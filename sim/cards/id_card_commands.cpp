@@ -53,7 +53,7 @@ constexpr std::string_view PIN_FILLER = "0000";
 
 constexpr std::uint8_t lowByte(std::size_t value)
 {
-    return static_cast<std::uint8_t>(value & 0xFFu);
+    return static_cast<std::uint8_t>(value & 0xFFU);
 }
 
 Bytes status(unsigned value)
@@ -368,7 +368,7 @@ Bytes IdCard::verify(const Command& command)
     }
     verified_ = same(command.data, Bytes(whole.begin(), whole.end()));
     const std::uint8_t left = verified_ ? retryLimit_ : static_cast<std::uint8_t>(retriesLeft_ - 1);
-    revision_ += left != retriesLeft_ ? 1u : 0u;
+    revision_ += left != retriesLeft_ ? 1U : 0U;
     retriesLeft_ = left;
     return status(verified_ ? DONE : WRONG_PIN + left);
 }

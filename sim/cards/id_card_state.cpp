@@ -81,7 +81,7 @@ Bytes IdCard::state() const
     records[PIN] = Bytes(pin_.begin(), pin_.end());
     records[CARD_OBJECT] = cardObject_;
     records[GENERATED_BITS] = {static_cast<std::uint8_t>(generatedBits_ >> 8),
-                               static_cast<std::uint8_t>(generatedBits_ & 0xFFu)};
+                               static_cast<std::uint8_t>(generatedBits_ & 0xFFU)};
     for (std::size_t position = 0; position < ID_CARD_POSITIONS; ++position) {
         if (places_[position].key) {
             records[tagAt(FIRST_KEY, position)] = places_[position].key.privateDer();

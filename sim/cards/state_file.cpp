@@ -14,12 +14,12 @@ namespace sim {
 namespace {
 
 constexpr std::size_t RECORD_HEADER = 5;
-constexpr std::uintmax_t LARGEST_STATE = 1u << 20;
+constexpr std::uintmax_t LARGEST_STATE = 1U << 20;
 
 void appendLength(Bytes& state, std::size_t length)
 {
     for (int shift = 24; shift >= 0; shift -= 8) {
-        state.push_back(static_cast<std::uint8_t>((length >> shift) & 0xFFu));
+        state.push_back(static_cast<std::uint8_t>((length >> shift) & 0xFFU));
     }
 }
 

@@ -89,7 +89,7 @@ Bytes encoded(X509* certificate)
     if (length <= 0) {
         throwOpenSsl("certificate");
     }
-    const Bytes bytes(der, der + length);
+    Bytes bytes(der, der + length);
     OPENSSL_free(der);
     return bytes;
 }

@@ -135,7 +135,7 @@ bool VpcdLink::answer(Card& card, std::span<const std::uint8_t> payload)
 bool VpcdLink::send(const Bytes& payload)
 {
     const std::size_t length = std::min(payload.size(), LARGEST_PAYLOAD);
-    Bytes frame{static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length & 0xFFu)};
+    Bytes frame{static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length & 0xFFU)};
     frame.insert(frame.end(), payload.begin(),
                  payload.begin() + static_cast<std::ptrdiff_t>(length));
     std::span<const std::uint8_t> rest = frame;

@@ -53,7 +53,7 @@ sim::Bytes readCertificate(const std::string& path)
     }
     unsigned char* der = nullptr;
     const int length = i2d_X509(certificate.get(), &der);
-    const sim::Bytes bytes(der, der + std::max(length, 0));
+    sim::Bytes bytes(der, der + std::max(length, 0));
     OPENSSL_free(der);
     return bytes;
 }

@@ -7,7 +7,7 @@
 
 static std::string statusWords(std::uint8_t first, std::uint8_t second)
 {
-    const unsigned status = first * 256u + second;
+    const unsigned status = first * 256U + second;
     if (first == 0x61) {
         return second == 0 ? "256 bytes or more are waiting"
                            : std::to_string(second) + " bytes are waiting";
@@ -15,8 +15,8 @@ static std::string statusWords(std::uint8_t first, std::uint8_t second)
     if (first == 0x6C) {
         return "wrong length, " + std::to_string(second) + " is right";
     }
-    if ((status & 0xFFF0u) == 0x63C0) {
-        return "wrong PIN, attempts left: " + std::to_string(second & 0x0Fu);
+    if ((status & 0xFFF0U) == 0x63C0) {
+        return "wrong PIN, attempts left: " + std::to_string(second & 0x0FU);
     }
     switch (status) {
     case 0x9000:

@@ -86,7 +86,6 @@ void insertCard(std::string_view readerName, std::shared_ptr<Card> card)
     reader->atr = std::move(atr);
     reader->offered = offered;
     ++reader->events;
-    detail::tell(*reader, Event::Reset);
 }
 
 void removeCard(std::string_view readerName)

@@ -22,7 +22,7 @@ LONG checkExchange(const Connection& connection, SCARDHANDLE handle, unsigned lo
         return rv;
     }
     if (!connection.reader->card) {
-        return SCARD_E_NO_SMARTCARD;
+        return protocol == SCARD_PROTOCOL_RAW ? SCARD_E_NOT_TRANSACTED : SCARD_E_NO_SMARTCARD;
     }
     return protocol != SCARD_PROTOCOL_RAW && protocol != connection.reader->protocol
                ? SCARD_E_PROTO_MISMATCH

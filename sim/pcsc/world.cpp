@@ -103,12 +103,13 @@ static void startCard(Lock& lock, const std::shared_ptr<Reader>& reader, bool on
     if (reader->card != card || (onlyUnpowered && reader->powered)) {
         return;
     }
+    const unsigned long events = reader->events; // the card may leave and come back meanwhile
     lock.unlock();
     card->reset();
     Bytes atr = card->atr();
     const unsigned long offered = card->protocol();
     lock.lock();
-    if (reader->card == card) {
+    if (reader->card == card && reader->events == events) {
         reader->atr = std::move(atr);
         reader->offered = offered;
         reader->powered = true;

@@ -12,8 +12,8 @@
 #include "src/front/state.h"
 #include "src/objects/object_table.h"
 #include "src/tokens/idc/idc.h"
-#include "tests/support/messages.h"
 #include "tests/support/failing_alloc.h"
+#include "tests/support/messages.h"
 #include "tests/support/resource_faults.h"
 
 #include <algorithm>

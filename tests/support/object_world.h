@@ -23,9 +23,10 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-namespace velt_test {
+namespace velt_test::objects {
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -103,6 +104,22 @@ inline Bytes bytesOf(std::string_view text)
 {
     return {text.begin(), text.end()};
 }
+
+// While one lives, an entry has no block.
+class WithoutBlock {
+public:
+    explicit WithoutBlock(ObjectEntry& entry)
+        : entry_(entry), block_(std::exchange(entry.attrs, nullptr))
+    {
+    }
+    ~WithoutBlock() { entry_.attrs = block_; }
+    WithoutBlock(const WithoutBlock&) = delete;
+    WithoutBlock& operator=(const WithoutBlock&) = delete;
+
+private:
+    ObjectEntry& entry_;
+    void* block_;
+};
 
 class ObjectWorld : public ::testing::Test {
 protected:
@@ -202,4 +219,4 @@ private:
     CK_SESSION_HANDLE open_ = 0;
 };
 
-} // namespace velt_test
+} // namespace velt_test::objects

@@ -1,4 +1,4 @@
-// Makes the compressor fail in the module, in programs linked with its wrapper (see CMakeLists.txt).
+// Makes the compressor fail in the module, in programs linked with its wrapper (CMakeLists.txt).
 #pragma once
 
 namespace velt_test {

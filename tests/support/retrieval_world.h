@@ -10,7 +10,7 @@
 #include <cstring>
 #include <optional>
 
-namespace velt_test {
+namespace velt_test::objects {
 
 inline constexpr CK_ULONG NOT_SERVED = ~CK_ULONG{0};
 inline constexpr std::uint8_t UNTOUCHED = 0xC3;
@@ -180,4 +180,4 @@ private:
     }
 };
 
-} // namespace velt_test
+} // namespace velt_test::objects

@@ -9,7 +9,7 @@
 #include <memory>
 #include <utility>
 
-namespace velt_test {
+namespace velt_test::objects {
 
 using Handles = std::vector<CK_OBJECT_HANDLE>;
 
@@ -125,4 +125,4 @@ protected:
     }
 };
 
-} // namespace velt_test
+} // namespace velt_test::objects

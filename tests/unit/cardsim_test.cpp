@@ -44,6 +44,16 @@ bool await(Condition condition)
     return false;
 }
 
+// The program lies in the build directory, above this one.
+std::string cardsimProgram()
+{
+    std::filesystem::path directory = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    while (!std::filesystem::exists(directory / "velt-cardsim") && directory.has_relative_path()) {
+        directory = directory.parent_path();
+    }
+    return directory / "velt-cardsim";
+}
+
 std::string pemOf(const sim::Bytes& der)
 {
     std::vector<unsigned char> encoded(der.size() * 2);
@@ -75,7 +85,7 @@ protected:
 
     void start(std::vector<std::string> arguments)
     {
-        arguments.insert(arguments.begin(), VELT_BINARY_DIR "/velt-cardsim");
+        arguments.insert(arguments.begin(), cardsimProgram());
         std::vector<char*> raw;
         for (std::string& argument : arguments) {
             raw.push_back(argument.data());

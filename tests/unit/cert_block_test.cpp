@@ -10,8 +10,8 @@
 
 namespace {
 
-using velt_test::Bytes;
-using velt_test::bytesOf;
+using velt_test::objects::Bytes;
+using velt_test::objects::bytesOf;
 
 Bytes join(std::initializer_list<Bytes> parts)
 {
@@ -93,7 +93,7 @@ protected:
         *attr_ = {};
         attr_->certType = SENTINEL;
         attr_->category = SENTINEL;
-        velt_test::put(attr_->value, der);
+        velt_test::objects::put(attr_->value, der);
         attr_->valueLen = der.size();
         velt::storeCertificateFields(*attr_);
         EXPECT_EQ(SENTINEL, attr_->certType);

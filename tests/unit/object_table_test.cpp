@@ -2,25 +2,20 @@
 #include "src/objects/object_table.h"
 
 #include "src/tokens/idc/idc.h"
-#include "tests/support/allocations.h"
 #include "tests/support/messages.h"
 #include "tests/support/object_world.h"
 
-#include <cstdlib>
 #include <cstring>
-#include <utility>
 
 namespace {
 
-using velt_test::DriverCall;
-using velt_test::FailingAllocation;
-using velt_test::liveBlocks;
 using velt_test::MessageMark;
-using velt_test::scripted;
+using velt_test::objects::DriverCall;
+using velt_test::objects::scripted;
 
 constexpr std::uint64_t OTHER_FLAGS = 0x30;
 
-class ObjectTable : public velt_test::ObjectWorld {
+class ObjectTable : public velt_test::objects::ObjectWorld {
 protected:
     // A table of five entries with a block each.
     static void makeFiveObjects()
@@ -161,35 +156,6 @@ TEST_F(ObjectTable, NoTableHasNoEntries)
     EXPECT_EQ(nullptr, velt::entryOf(1));
 }
 
-TEST_F(ObjectTable, ARebuildFreesTheTableBeforeWithItsBlocks)
-{
-    ASSERT_TRUE(velt::rebuildObjects(0));
-    const std::ptrdiff_t before = liveBlocks();
-    makeFiveObjects();
-    EXPECT_EQ(before + 6, liveBlocks());
-    makeFiveObjects();
-    EXPECT_EQ(before + 6, liveBlocks());
-    ASSERT_TRUE(velt::rebuildObjects(0));
-    EXPECT_EQ(before, liveBlocks());
-}
-
-TEST_F(ObjectTable, ARebuildWithoutMemoryLeavesNoTable)
-{
-    ASSERT_TRUE(velt::rebuildObjects(0));
-    const std::ptrdiff_t before = liveBlocks();
-    makeFiveObjects();
-    {
-        const FailingAllocation failing(1);
-        EXPECT_FALSE(velt::rebuildObjects(10));
-    }
-    EXPECT_EQ(nullptr, VELTObj);
-    EXPECT_EQ(0U, ulObjCount);
-    EXPECT_EQ(0U, velt::objectTableSize());
-    EXPECT_EQ(before, liveBlocks());
-    makeFiveObjects();
-    EXPECT_EQ(5U, velt::objectTableSize());
-}
-
 template <class Block>
 void expectZeroed(const Block* block)
 {
@@ -212,30 +178,6 @@ TEST_F(ObjectTable, AttachedBlocksAreZeroedAndOwnedByTheirEntry)
     EXPECT_EQ(privateKey, VELTObj[2].attrs);
 }
 
-TEST_F(ObjectTable, ASecondBlockReplacesTheFirst)
-{
-    makeTable(1);
-    ASSERT_NE(nullptr, velt::attachCertificate(VELTObj[0]));
-    const std::ptrdiff_t before = liveBlocks();
-    velt::attachCertificate(VELTObj[0])->valueLen = 1;
-    expectZeroed(velt::attachCertificate(VELTObj[0]));
-    EXPECT_EQ(before, liveBlocks());
-}
-
-TEST_F(ObjectTable, WithoutMemoryAnEntryStaysWithoutABlock)
-{
-    makeTable(3);
-    const FailingAllocation first(1);
-    EXPECT_EQ(nullptr, velt::attachCertificate(VELTObj[0]));
-    const FailingAllocation second(1);
-    EXPECT_EQ(nullptr, velt::attachPublicKey(VELTObj[1]));
-    const FailingAllocation third(1);
-    EXPECT_EQ(nullptr, velt::attachPrivateKey(VELTObj[2]));
-    for (std::uint64_t position = 0; position < 3; ++position) {
-        EXPECT_EQ(nullptr, VELTObj[position].attrs);
-    }
-}
-
 TEST_F(ObjectTable, OnlyAMarkedOrBlocklessEntryIsNotLive)
 {
     makeTable(2);
@@ -246,7 +188,7 @@ TEST_F(ObjectTable, OnlyAMarkedOrBlocklessEntryIsNotLive)
     entry.handle = REMOVED_MARKER;
     EXPECT_FALSE(velt::isLive(&entry));
     entry.handle = 1;
-    std::free(std::exchange(entry.attrs, nullptr));
+    const velt_test::objects::WithoutBlock without(entry);
     EXPECT_FALSE(velt::isLive(&entry));
     EXPECT_FALSE(velt::isLive(velt::entryAt(1)));
     EXPECT_FALSE(velt::isLive(nullptr));
@@ -270,74 +212,6 @@ TEST_F(ObjectTable, ABlockIsReachedByItsClassAlone)
     publicKey->handle = REMOVED_MARKER;
     EXPECT_EQ(nullptr, velt::publicKeyOf(publicKey));
     EXPECT_EQ(nullptr, velt::certificateOf(nullptr));
-}
-
-TEST_F(ObjectTable, RetiringFreesTheBlocksBelowTheBoundAndKeepsTheOthersOwned)
-{
-    ASSERT_TRUE(velt::rebuildObjects(0));
-    const std::ptrdiff_t before = liveBlocks();
-    for (std::size_t bound = 0; bound <= 6; ++bound) {
-        makeFiveObjects();
-        velt::retireObjects(bound);
-        EXPECT_EQ(nullptr, VELTObj);
-        EXPECT_EQ(0U, velt::objectTableSize());
-        EXPECT_EQ(5U, ulObjCount) << "the count outlives the table";
-        const std::ptrdiff_t kept = bound < 5 ? 5 - static_cast<std::ptrdiff_t>(bound) : 0;
-        EXPECT_EQ(before + kept + (kept == 0 ? 0 : 1), liveBlocks()) << bound;
-        velt::retireObjects(0);
-        EXPECT_EQ(before, liveBlocks()) << "reclaimed by the next call";
-    }
-}
-
-TEST_F(ObjectTable, TheNextLoadReclaimsWhatWasRetired)
-{
-    ASSERT_TRUE(velt::rebuildObjects(0));
-    const std::ptrdiff_t before = liveBlocks();
-    makeFiveObjects();
-    velt::retireObjects(1);
-    EXPECT_EQ(before + 5, liveBlocks());
-    makeTable(4);
-    EXPECT_EQ(before + 1, liveBlocks());
-}
-
-TEST_F(ObjectTable, RetiringTwoTablesReclaimsTheFirst)
-{
-    ASSERT_TRUE(velt::rebuildObjects(0));
-    const std::ptrdiff_t before = liveBlocks();
-    makeFiveObjects();
-    velt::retireObjects(1);
-    ASSERT_TRUE(velt::rebuildObjects(0));
-    makeFiveObjects();
-    velt::retireObjects(2);
-    EXPECT_EQ(before + 4, liveBlocks());
-}
-
-TEST_F(ObjectTable, FinaliseFreesAsManyBlocksAsThereAreReaders)
-{
-    for (std::ptrdiff_t readers = 1; readers <= 3; ++readers) {
-        ASSERT_EQ(readers, rCount);
-        makeFiveObjects();
-        EXPECT_EQ(CKR_OK, C_Finalize(nullptr));
-        EXPECT_EQ(nullptr, VELTObj);
-        EXPECT_EQ(5U, ulObjCount);
-        const std::ptrdiff_t before = liveBlocks();
-        velt::retireObjects(0); // the blocks behind the bound, and the array that owned them
-        EXPECT_EQ(before - (5 - readers) - 1, liveBlocks());
-        sim::pcsc::plugReader("Reader " + std::to_string(readers));
-        startModule();
-    }
-}
-
-TEST_F(ObjectTable, RoundsOfLoadingAndFinalisingDoNotGrow)
-{
-    std::ptrdiff_t afterFirst = 0;
-    for (int round = 0; round < 5; ++round) {
-        makeFiveObjects();
-        EXPECT_EQ(CKR_OK, C_Finalize(nullptr));
-        afterFirst = round == 0 ? liveBlocks() : afterFirst;
-        EXPECT_EQ(afterFirst, liveBlocks()) << round;
-        startModule();
-    }
 }
 
 } // namespace

@@ -2,12 +2,10 @@
 // modulus comes from.
 #include "tests/support/retrieval_world.h"
 
-#include <cstdlib>
-#include <utility>
-
 namespace {
 
 using namespace velt_test;
+using namespace velt_test::objects;
 
 using Calls = std::vector<DriverCall>;
 
@@ -215,7 +213,7 @@ TEST_F(KeyBefore, IsNoneWhenItWasRemoved)
 
 TEST_F(KeyBefore, IsNoneWithoutItsBlock)
 {
-    std::free(std::exchange(velt::entryOf(PUBLIC_KEY)->attrs, nullptr));
+    const WithoutBlock without(*velt::entryOf(PUBLIC_KEY));
     expectNone(PRIVATE_KEY);
 }
 

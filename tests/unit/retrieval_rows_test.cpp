@@ -8,6 +8,7 @@
 namespace {
 
 using namespace velt_test;
+using namespace velt_test::objects;
 
 using Values = std::map<CK_ATTRIBUTE_TYPE, Bytes>;
 

@@ -2,11 +2,10 @@
 // place is special.
 #include "tests/support/retrieval_world.h"
 
-#include "tests/support/allocations.h"
-
 namespace {
 
 using namespace velt_test;
+using namespace velt_test::objects;
 
 class Retrieval : public RetrievalWorld {
 protected:
@@ -60,7 +59,7 @@ TEST_F(Retrieval, ACountOfZeroIsRefusedBeforeTheObject)
 TEST_F(Retrieval, AHandleWithoutALiveObjectIsRefusedAndNothingIsWritten)
 {
     velt::entryOf(PRIVATE_KEY)->handle = REMOVED_MARKER;
-    std::free(std::exchange(velt::entryOf(PUBLIC_KEY)->attrs, nullptr));
+    const WithoutBlock without(*velt::entryOf(PUBLIC_KEY));
     const CK_OBJECT_HANDLE handles[] = {0,
                                         PRIVATE_KEY,
                                         PUBLIC_KEY,
@@ -274,21 +273,6 @@ TEST_F(Retrieval, NoLengthReachesBehindItsField)
     EXPECT_EQ(256U, valueOf(GOST_PUBLIC_KEY, CKA_MODULUS).size());
     EXPECT_EQ(5U, valueOf(GOST_PUBLIC_KEY, CKA_PUBLIC_EXPONENT).size());
     EXPECT_EQ(64U, valueOf(GOST_PUBLIC_KEY, CKA_VALUE).size());
-}
-
-TEST_F(Retrieval, AReadAllocatesNothing)
-{
-    certificate().valueLen = 0;
-    std::uint8_t buffer[1024];
-    CK_ATTRIBUTE attributes[] = {{CKA_CLASS, buffer, sizeof buffer},
-                                 {CKA_VALUE, buffer, sizeof buffer},
-                                 {CKA_ISSUER, buffer, sizeof buffer},
-                                 {CKA_LABEL, buffer, 1},
-                                 {CKA_SIGN, nullptr, 0},
-                                 {CKA_APPLICATION, nullptr, 0}};
-    const std::size_t before = allocationCount();
-    EXPECT_EQ(CKR_OK, VELT_GetAttributeValue(session(), CERTIFICATE, attributes, 6));
-    EXPECT_EQ(before, allocationCount());
 }
 
 } // namespace

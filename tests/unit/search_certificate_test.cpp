@@ -6,6 +6,7 @@
 namespace {
 
 using namespace velt_test;
+using namespace velt_test::objects;
 
 class SearchCertificate : public SearchWorld {};
 

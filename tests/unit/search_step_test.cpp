@@ -1,11 +1,10 @@
 // Steps of a search: their checks, and how handles are handed out.
 #include "tests/support/search_world.h"
 
-#include "tests/support/allocations.h"
-
 namespace {
 
 using namespace velt_test;
+using namespace velt_test::objects;
 
 class SearchStep : public SearchWorld {
 protected:

@@ -4,6 +4,7 @@
 namespace {
 
 using namespace velt_test;
+using namespace velt_test::objects;
 
 class SearchTemplate : public SearchWorld {
 protected:

@@ -1,11 +1,10 @@
 // Starting and ending a search: what is checked, the load of the table, the memory it takes.
 #include "tests/support/search_world.h"
 
-#include "tests/support/allocations.h"
-
 namespace {
 
 using namespace velt_test;
+using namespace velt_test::objects;
 
 class SearchFrame : public SearchWorld {};
 
@@ -165,112 +164,6 @@ TEST_F(SearchFrame, FinalChecksHandleAndSessionButNoSlot)
     EXPECT_EQ(0, bFindInit);
     EXPECT_EQ(0U, ulTCount);
     EXPECT_EQ(nullptr, pTempl);
-}
-
-TEST_F(SearchFrame, FinalFreesAllThatASearchOwns)
-{
-    makeMixedTable();
-    find(certificates().add(CKA_ISSUER, {1}));
-    const std::ptrdiff_t before = liveBlocks();
-    for (int round = 0; round < 3; ++round) {
-        find(certificates().add(CKA_ISSUER, {1}));
-    }
-    EXPECT_EQ(before, liveBlocks());
-}
-
-TEST_F(SearchFrame, AReplacedTemplateIsFreed)
-{
-    makeMixedTable();
-    ASSERT_EQ(CKR_OK, init(certificates().add(CKA_ISSUER, {1})));
-    const std::ptrdiff_t before = liveBlocks();
-    for (int round = 0; round < 3; ++round) {
-        ASSERT_EQ(CKR_OK, init(certificates().add(CKA_VALUE, {1}).add(CKA_ISSUER, {1})));
-    }
-    EXPECT_EQ(before, liveBlocks());
-}
-
-TEST_F(SearchFrame, WithoutMemoryForATemplateTheOldOneStays)
-{
-    makeMixedTable();
-    ASSERT_EQ(CKR_OK, init(certificates().add(CKA_LABEL, bytesOf("one"))));
-    EXPECT_EQ((Handles{1}), next(1, 1));
-    const ObjectEntry* before = pTempl;
-    Template search = certificates().add(CKA_ISSUER, {1});
-    {
-        const FailingAllocation failing(1);
-        const MessageMark mark;
-        EXPECT_EQ(CKR_HOST_MEMORY, init(search));
-        EXPECT_MESSAGES(mark);
-    }
-    EXPECT_EQ(before, pTempl);
-    EXPECT_EQ('o', pTempl->label[0]);
-    EXPECT_EQ(0U, ulTCount);
-    EXPECT_EQ(1, bFindInit);
-    EXPECT_EQ(9U, next(0, 20).size());
-}
-
-TEST_F(SearchFrame, WithoutMemoryForCertificateFieldsTheSearchDoesNotStart)
-{
-    makeMixedTable();
-    Template search = certificates().add(CKA_ISSUER, {1});
-    {
-        const FailingAllocation failing(2);
-        EXPECT_EQ(CKR_HOST_MEMORY, init(search));
-    }
-    EXPECT_EQ(0, bFindInit);
-    EXPECT_EQ(0U, ulTCount);
-    ASSERT_NE(nullptr, pTempl);
-    EXPECT_EQ(nullptr, pTempl->attrs);
-    EXPECT_EQ((Handles{1, 4}), find(certificates().add(CKA_ISSUER, {0x30, 0x02})));
-}
-
-TEST_F(SearchFrame, WithoutMemoryForItsMarksTheSearchDoesNotStart)
-{
-    makeMixedTable();
-    Template search = certificates();
-    {
-        const FailingAllocation failing(2);
-        EXPECT_EQ(CKR_HOST_MEMORY, init(search));
-    }
-    EXPECT_EQ(0, bFindInit);
-    EXPECT_EQ((Handles{1, 4, 5, 6}), find(certificates()));
-}
-
-TEST_F(SearchFrame, WithoutMemoryForMoreMarksAStepHandsOutNothing)
-{
-    makeMixedTable();
-    ASSERT_EQ(CKR_OK, init(empty()));
-    EXPECT_EQ((Handles{1, 2, 3}), next(3, 3));
-    makeTable(200);
-    for (int i = 0; i < 200; ++i) {
-        addPublicKey();
-    }
-    CK_OBJECT_HANDLE handle = SENTINEL;
-    CK_ULONG count = SENTINEL;
-    {
-        const FailingAllocation failing(1);
-        EXPECT_EQ(CKR_HOST_MEMORY, VELT_FindObjects(session(), &handle, 1, &count));
-    }
-    EXPECT_EQ(SENTINEL, handle);
-    EXPECT_EQ(SENTINEL, count);
-    EXPECT_EQ(3U, tObjCount);
-    EXPECT_EQ(197U, next(0, 200).size());
-}
-
-TEST_F(SearchFrame, AStepAllocatesNothing)
-{
-    makeTable(200);
-    for (int i = 0; i < 200; ++i) {
-        addLoadedCertificate();
-    }
-    ASSERT_EQ(CKR_OK, init(certificates().add(CKA_ISSUER, {0x30, 0x02})));
-    const std::size_t before = allocationCount();
-    Handles handles(200);
-    CK_ULONG count = 0;
-    EXPECT_EQ(CKR_OK, VELT_FindObjects(session(), handles.data(), 50, &count));
-    EXPECT_EQ(CKR_OK, VELT_FindObjects(session(), handles.data(), 200, &count));
-    EXPECT_EQ(150U, count);
-    EXPECT_EQ(before, allocationCount());
 }
 
 } // namespace

@@ -107,6 +107,8 @@ TEST_F(Connections, ShareAReaderUnlessOneIsExclusive)
     EXPECT_RESULT(SCARD_S_SUCCESS, transmit(sole, SELECT, 2).result);
     ASSERT_RESULT(SCARD_S_SUCCESS, SCardDisconnect(sole, SCARD_LEAVE_CARD));
     connect("A");
+    connect("A");
+    EXPECT_EQ(pcsc::openCards(), 2u);
 }
 
 TEST_F(Connections, KeepTheProtocolUntilAReset)
@@ -129,7 +131,22 @@ TEST_F(Connections, WithoutACardReachTheReaderAlone)
     const Answer answer = transmit(direct.card, SELECT, 10);
     EXPECT_RESULT(SCARD_E_NO_SMARTCARD, answer.result);
     EXPECT_EQ(answer.length, 0u);
+    EXPECT_RESULT(SCARD_E_NOT_TRANSACTED, transmit(direct.card, SELECT, 10, SCARD_PCI_RAW).result);
+    const auto card = std::make_shared<CountingCard>();
+    pcsc::insertCard("A", card);
+    EXPECT_RESULT(SCARD_E_PROTO_MISMATCH, transmit(direct.card, SELECT, 10).result);
+    EXPECT_RESULT(SCARD_S_SUCCESS, transmit(direct.card, SELECT, 10, SCARD_PCI_RAW).result);
+    EXPECT_EQ(card->resets, 1u);
     EXPECT_RESULT(SCARD_S_SUCCESS, SCardDisconnect(direct.card, SCARD_LEAVE_CARD));
+}
+
+TEST_F(Connections, ChooseTheProtocolAnewForANewCard)
+{
+    plugWithCard("A");
+    connect("A", SCARD_SHARE_SHARED, SCARD_PROTOCOL_RAW);
+    pcsc::removeCard("A");
+    pcsc::insertCard("A", std::make_shared<CountingCard>(SCARD_PROTOCOL_T1));
+    EXPECT_EQ(tryConnect(context_, "A").protocol, SCARD_PROTOCOL_T1);
 }
 
 TEST_F(Connections, EndOnlyByAKnownHandleAndDisposition)
@@ -308,6 +325,9 @@ TEST_F(Exchanges, CarryCommandsOfAnyLengthThePcscHeaderAllows)
     EXPECT_RESULT(SCARD_E_INSUFFICIENT_BUFFER, answer.result);
     EXPECT_EQ(answer.length, 10u);
     EXPECT_EQ(card->commands.size(), 7u);
+    const Answer unknown = transmit(handle + 1, command, 10);
+    EXPECT_RESULT(SCARD_E_INVALID_HANDLE, unknown.result);
+    EXPECT_EQ(unknown.length, 0u);
 }
 
 TEST_F(Exchanges, MayUseOneBufferForBothWays)
@@ -381,10 +401,10 @@ TEST_F(Exchanges, WithARemovedCardFailUntilTheConnectionIsRenewed)
     EXPECT_EQ(removed.buffer, Bytes(26, SENTINEL));
     DWORD protocol = 77;
     EXPECT_RESULT(SCARD_E_NO_SMARTCARD,
-                  SCardReconnect(handle, SCARD_SHARE_SHARED, 3, SCARD_RESET_CARD, &protocol));
+                  SCardReconnect(handle, SCARD_SHARE_SHARED, 3, SCARD_LEAVE_CARD, &protocol));
     EXPECT_EQ(protocol, 0u);
     pcsc::insertCard("A", card);
-    EXPECT_RESULT(SCARD_W_RESET_CARD, transmit(handle, SELECT, 10).result);
+    EXPECT_RESULT(SCARD_W_REMOVED_CARD, transmit(handle, SELECT, 10).result);
     EXPECT_RESULT(SCARD_S_SUCCESS,
                   SCardReconnect(handle, SCARD_SHARE_SHARED, 3, SCARD_LEAVE_CARD, &protocol));
     EXPECT_RESULT(SCARD_S_SUCCESS, transmit(handle, SELECT, 10).result);

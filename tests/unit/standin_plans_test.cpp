@@ -100,6 +100,20 @@ TEST_F(Plans, ForAnyFunctionCountAllCalls)
     EXPECT_RESULT(SCARD_S_SUCCESS, SCardListReaders(context_, nullptr, nullptr, &length));
 }
 
+TEST_F(Plans, ForAFunctionPrevailOverThoseForAnyAndTheseOverAStoppedService)
+{
+    pcsc::failNth(Function::IsValidContext, 1, SCARD_E_NOT_READY);
+    pcsc::failNth(Function::IsValidContext, 1, SCARD_E_CANCELLED);
+    Action fail;
+    fail.result = SCARD_E_SYSTEM_CANCELLED;
+    pcsc::onNthOfAny(1, fail);
+    pcsc::onNthOfAny(2, fail);
+    pcsc::setServiceRunning(false);
+    EXPECT_RESULT(SCARD_E_NOT_READY, SCardIsValidContext(context_));
+    EXPECT_RESULT(SCARD_E_SYSTEM_CANCELLED, SCardIsValidContext(context_));
+    EXPECT_RESULT(SCARD_E_NO_SERVICE, SCardIsValidContext(context_));
+}
+
 TEST_F(Plans, LeaveOutputsAsAFailureOfTheServiceDoes)
 {
     plugWithCard("A");
@@ -375,6 +389,13 @@ TEST_F(Threads, TakeTurnsWithACard)
     constexpr int THREADS = 16;
     constexpr int ROUNDS = 200;
     const auto card = plugWithCard("A");
+    std::atomic<int> inside = 0;
+    std::atomic<int> overlaps = 0;
+    card->onTransmit = [&] {
+        overlaps += inside++ != 0;
+        std::this_thread::yield();
+        --inside;
+    };
     std::atomic<int> failures = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < THREADS; ++t) {
@@ -398,6 +419,7 @@ TEST_F(Threads, TakeTurnsWithACard)
         thread.join();
     }
     EXPECT_EQ(failures, 0);
+    EXPECT_EQ(overlaps, 0);
     EXPECT_EQ(card->commands.size(), std::size_t{THREADS * ROUNDS});
     EXPECT_EQ(card->resets, 1u);
     EXPECT_EQ(pcsc::calls(Function::Transmit).size(), std::size_t{THREADS * ROUNDS});
@@ -408,14 +430,15 @@ TEST_F(Threads, TakeTurnsWithACard)
 TEST_F(Threads, MayChangeTheWorldUnderEachOther)
 {
     constexpr int THREADS = 15;
+    constexpr int ROUNDS = 500;
     const auto card = plugWithCard("A");
-    std::atomic<bool> done = false;
+    std::atomic<int> busy = THREADS;
     std::atomic<int> strange = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < THREADS; ++t) {
         threads.emplace_back([&, t] {
             const SCARDCONTEXT context = establish();
-            while (!done) {
+            for (int i = 0; i < ROUNDS; ++i) {
                 SCARDHANDLE handle = 0;
                 DWORD active = 0;
                 const LONG rv = SCardConnect(context, "A", SCARD_SHARE_SHARED, SCARD_PROTOCOL_ANY,
@@ -428,18 +451,17 @@ TEST_F(Threads, MayChangeTheWorldUnderEachOther)
                 pcsc::clearCalls();
             }
             SCardReleaseContext(context);
+            --busy;
         });
     }
-    for (int i = 0; i < 40; ++i) {
+    while (busy != 0) {
         pcsc::removeCard("A");
         pcsc::failNth(Function::Transmit, 1, SCARD_F_COMM_ERROR);
         pcsc::insertCard("A", card);
         pcsc::unplugReader("A");
         pcsc::plugReader("A");
         pcsc::insertCard("A", card);
-        std::this_thread::yield();
     }
-    done = true;
     for (std::thread& thread : threads) {
         thread.join();
     }

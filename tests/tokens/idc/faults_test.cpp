@@ -358,7 +358,7 @@ TEST_F(IdcFaults, AnOpeningTellsAFailedLoadAndKeepsTheSession)
     }
     CK_SESSION_HANDLE opened = 0;
     oiFlags = RELOAD_OBJECTS;
-    alloc::failNth(1);
+    alloc::failNth(2); // the first makes the session
     EXPECT_EQ(CKR_TOKEN_NOT_RECOGNIZED,
               VELT_OpenSession(0, CKF_SERIAL_SESSION, nullptr, nullptr, &opened));
     EXPECT_TRUE(velt::isOpenSession(opened));
