@@ -362,11 +362,23 @@ TEST_F(CertificateWritingTest, EachRefusedCommandIsToldByItsNumber)
         EXPECT_EQ(at, sent().size());
         EXPECT_MESSAGES(mark, "C_CreateObject", messages[at - 1], "CreateObject error 0x6");
     }
-    refuse(5, hex("65 81"));
-    refuse(6, hex("65 81"));
+    refuse(5, hex("6A 84"));
     const MessageMark mark;
     EXPECT_RV(CKR_FUNCTION_FAILED, create(full()));
-    EXPECT_MESSAGES(mark, "C_CreateObject", "IDCard WriteBinary error 0x8165",
+    EXPECT_MESSAGES(mark, "C_CreateObject", "IDCard WriteBinary error 0x846a",
+                    "IDCard CreateObject write binary APDU error 0xa", "CreateObject error 0x6");
+}
+
+// A memory failure (65 81) is taken for an announcement of 81 bytes, as 63 Cx is.
+TEST_F(CertificateWritingTest, AMemoryFailureEndsInWhatTheCardSaysToGetResponse)
+{
+    ASSERT_NO_FATAL_FAILURE(openAndLogin());
+    refuse(5, hex("65 81"));
+    const MessageMark mark;
+    EXPECT_RV(CKR_FUNCTION_FAILED, create(full()));
+    ASSERT_EQ(6U, sent().size());
+    EXPECT_EQ(getResponse(0x81), sent().back());
+    EXPECT_MESSAGES(mark, "C_CreateObject", "IDCard WriteBinary error 0x8569",
                     "IDCard CreateObject write binary APDU error 0xa", "CreateObject error 0x6");
 }
 

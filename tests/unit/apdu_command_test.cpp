@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-namespace velt_test {
+namespace velt_test::world {
 namespace {
 
 using velt::ByteView;
@@ -312,4 +312,4 @@ TEST_F(ApduCommandTest, AResponseWithoutAStatusHasNone)
 }
 
 } // namespace
-} // namespace velt_test
+} // namespace velt_test::world

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace velt_test {
+namespace velt_test::world {
 namespace {
 
 // First status bytes that announce more data. They are found by bit tests, so more of them pass
@@ -390,4 +390,4 @@ TEST_F(ApduTest, EachSessionHasItsOwnErrorAndConnection)
 }
 
 } // namespace
-} // namespace velt_test
+} // namespace velt_test::world
