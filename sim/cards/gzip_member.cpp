@@ -8,8 +8,8 @@ namespace sim {
 
 namespace {
 
-constexpr int kGzipWindow = 15 + 16; // the largest window, with the gzip wrapper
-constexpr int kMemoryLevel = 8;
+constexpr int GZIP_WINDOW = 15 + 16; // the largest window, with the gzip wrapper
+constexpr int MEMORY_LEVEL = 8;
 
 unsigned countOf(std::size_t size)
 {
@@ -22,7 +22,7 @@ Bytes gzipMember(std::span<const std::uint8_t> plain)
 {
     Bytes input(plain.begin(), plain.end());
     z_stream stream{};
-    if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, kGzipWindow, kMemoryLevel,
+    if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, GZIP_WINDOW, MEMORY_LEVEL,
                      Z_DEFAULT_STRATEGY) != Z_OK) {
         throw std::runtime_error("gzip: no memory");
     }
@@ -45,7 +45,7 @@ Bytes gzipContent(std::span<const std::uint8_t> member, std::size_t limit)
     Bytes input(member.begin(), member.end());
     Bytes plain(limit);
     z_stream stream{};
-    if (inflateInit2(&stream, kGzipWindow) != Z_OK) {
+    if (inflateInit2(&stream, GZIP_WINDOW) != Z_OK) {
         throw std::runtime_error("gzip: no memory");
     }
     stream.next_in = input.data();

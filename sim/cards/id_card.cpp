@@ -1,7 +1,6 @@
 #include "sim/cards/id_card.h"
 
 #include "sim/cards/gzip_member.h"
-#include "sim/cards/test_ca.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -11,15 +10,15 @@ namespace sim {
 
 namespace {
 
-constexpr std::array<std::uint8_t, 12> kOldAtr{0x3B, 0x77, 0x18, 0x00, 0x00, 0x4B,
+constexpr std::array<std::uint8_t, 12> OLD_ATR{0x3B, 0x77, 0x18, 0x00, 0x00, 0x4B,
                                                0x41, 0x53, 0x41, 0x4B, 0x49, 0x44};
-constexpr std::array<std::uint8_t, 13> kNewAtr{0x3B, 0x39, 0x19, 0x00, 0x53, 0x4F, 0x4D,
+constexpr std::array<std::uint8_t, 13> NEW_ATR{0x3B, 0x39, 0x19, 0x00, 0x53, 0x4F, 0x4D,
                                                0x41, 0x44, 0x53, 0x33, 0x30, 0x31};
-constexpr unsigned long kProtocolT0 = 1;
+constexpr unsigned long PROTOCOL_T0 = 1;
 
-constexpr std::size_t kPinLength = 4;
-constexpr std::uint8_t kMostRetries = 15; // the counter has four bits in 63 Cx
-constexpr std::size_t kLargestFile = 0x8000;
+constexpr std::size_t PIN_LENGTH = 4;
+constexpr std::uint8_t MOST_RETRIES = 15; // the counter has four bits in 63 Cx
+constexpr std::size_t LARGEST_FILE = 0x8000;
 
 RsaKey keyFor(std::size_t position, unsigned bits, bool fresh)
 {
@@ -32,10 +31,10 @@ RsaKey keyFor(std::size_t position, unsigned bits, bool fresh)
     return RsaKey::generate(bits);
 }
 
-Bytes certificateFor(std::size_t position, const RsaKey& key)
+Bytes certificateFor(std::size_t position, const RsaKey& key, const NameAttributes& issuer)
 {
     CertificateRequest request;
-    request.issuer = defaultIssuer();
+    request.issuer = issuer;
     request.subject = {{"C", "KZ"},
                        {"CN", position == 0 ? "Velt Holder One" : "Velt Holder Two"},
                        {"SN", "Holder"},
@@ -48,13 +47,13 @@ Bytes certificateFor(std::size_t position, const RsaKey& key)
 
 void checkOptions(const IdCardOptions& options)
 {
-    if (options.pin.size() != kPinLength) {
+    if (options.pin.size() != PIN_LENGTH) {
         throw std::invalid_argument("the card's PIN has four characters");
     }
-    if (options.retryLimit == 0 || options.retryLimit > kMostRetries) {
+    if (options.retryLimit == 0 || options.retryLimit > MOST_RETRIES) {
         throw std::invalid_argument("the card allows between 1 and 15 wrong PINs");
     }
-    if (options.fileSize < 2 || options.fileSize > kLargestFile) {
+    if (options.fileSize < 2 || options.fileSize > LARGEST_FILE) {
         throw std::invalid_argument("a certificate file has between 2 and 32768 bytes");
     }
 }
@@ -71,7 +70,7 @@ IdCard::IdCard(const IdCardOptions& options)
       cardObject_(options.cardObject.begin(), options.cardObject.end())
 {
     checkOptions(options);
-    for (std::size_t position = 0; position < kIdCardPositions; ++position) {
+    for (std::size_t position = 0; position < ID_CARD_POSITIONS; ++position) {
         const IdCardPosition& wanted = options.positions[position];
         Place& place = places_[position];
         place.file.resize(options.fileSize);
@@ -84,7 +83,7 @@ IdCard::IdCard(const IdCardOptions& options)
             setCertificate(position, wanted.certificateDer);
         } else if (wanted.certificate) {
             const RsaKey key = place.key ? place.key : keyFor(position, 2048, false);
-            setCertificate(position, certificateFor(position, key));
+            setCertificate(position, certificateFor(position, key, options.issuer));
         }
     }
     revision_ = 0;
@@ -92,13 +91,13 @@ IdCard::IdCard(const IdCardOptions& options)
 
 Bytes IdCard::atr() const
 {
-    return issue_ == IdCardIssue::Old ? Bytes(kOldAtr.begin(), kOldAtr.end())
-                                      : Bytes(kNewAtr.begin(), kNewAtr.end());
+    return issue_ == IdCardIssue::Old ? Bytes(OLD_ATR.begin(), OLD_ATR.end())
+                                      : Bytes(NEW_ATR.begin(), NEW_ATR.end());
 }
 
 unsigned long IdCard::protocol() const
 {
-    return kProtocolT0;
+    return PROTOCOL_T0;
 }
 
 void IdCard::reset()
@@ -124,7 +123,7 @@ void IdCard::setKey(std::size_t position, RsaKey key)
 
 void IdCard::setFile(std::size_t position, Bytes content)
 {
-    if (content.size() > kLargestFile) {
+    if (content.size() > LARGEST_FILE) {
         throw std::invalid_argument("a certificate file has at most 32768 bytes");
     }
     places_.at(position).file = std::move(content);
@@ -157,7 +156,7 @@ void IdCard::setCertificate(std::size_t position, std::span<const std::uint8_t> 
     }
     std::fill(content.begin(), content.end(), std::uint8_t{0});
     content[0] = static_cast<std::uint8_t>(member.size() >> 8);
-    content[1] = static_cast<std::uint8_t>(member.size() & 0xFFu);
+    content[1] = static_cast<std::uint8_t>(member.size() & 0xFFU);
     std::copy(member.begin(), member.end(), content.begin() + 2);
     ++revision_;
 }

@@ -11,6 +11,7 @@
 
 #include "sim/cards/card.h"
 #include "sim/cards/rsa_key.h"
+#include "sim/cards/test_ca.h"
 
 #include <array>
 #include <cstddef>
@@ -20,7 +21,7 @@
 
 namespace sim {
 
-inline constexpr std::size_t kIdCardPositions = 2;
+inline constexpr std::size_t ID_CARD_POSITIONS = 2;
 
 enum class IdCardIssue : std::uint8_t { Old, New };
 
@@ -45,7 +46,8 @@ struct IdCardOptions {
     std::string pin = "1234"; // four bytes; the card wants "0000" behind them
     std::uint8_t retryLimit = 3;
     std::array<std::uint8_t, 9> cardObject{0x19, 0x86, 0x02, 0x17, 0x35, 0x01, 0x00, 0x42, 0x7C};
-    std::array<IdCardPosition, kIdCardPositions> positions{};
+    std::array<IdCardPosition, ID_CARD_POSITIONS> positions{};
+    NameAttributes issuer = defaultIssuer(); // of the certificates that the card makes for itself
     std::size_t fileSize = 2 + 4096;
     unsigned generatedBits = 2048; // size of the keys that the card generates
     ShortRead shortRead = ShortRead::Warning;
@@ -110,7 +112,7 @@ private:
 
     struct Command;
     struct Instruction;
-    static const std::array<Instruction, 10> kInstructions;
+    static const std::array<Instruction, 10> INSTRUCTIONS;
 
     Bytes select(const Command& command);
     Bytes readBinary(const Command& command);
@@ -137,7 +139,7 @@ private:
     std::uint8_t retriesLeft_;
     std::string pin_;
     Bytes cardObject_;
-    std::array<Place, kIdCardPositions> places_{};
+    std::array<Place, ID_CARD_POSITIONS> places_{};
     unsigned long revision_ = 0;
 
     // Lost with power.

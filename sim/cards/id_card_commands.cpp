@@ -9,51 +9,51 @@ namespace sim {
 namespace {
 
 enum Status : unsigned {
-    kDone = 0x9000,
-    kFileEndsEarly = 0x6282,
-    kWrongPin = 0x63C0, // and the attempts left
-    kWrongLength = 0x6700,
-    kSecurityStatus = 0x6982,
-    kPinBlocked = 0x6983,
-    kConditions = 0x6985,
-    kNoCurrentFile = 0x6986,
-    kWrongData = 0x6A80,
-    kFileNotFound = 0x6A82,
-    kFileFull = 0x6A84,
-    kWrongParameters = 0x6A86,
-    kObjectNotFound = 0x6A88,
-    kWrongOffset = 0x6B00,
-    kUnknownInstruction = 0x6D00,
-    kUnknownClass = 0x6E00,
+    DONE = 0x9000,
+    FILE_ENDS_EARLY = 0x6282,
+    WRONG_PIN = 0x63C0, // and the attempts left
+    WRONG_LENGTH = 0x6700,
+    SECURITY_STATUS = 0x6982,
+    PIN_BLOCKED = 0x6983,
+    CONDITIONS = 0x6985,
+    NO_CURRENT_FILE = 0x6986,
+    WRONG_DATA = 0x6A80,
+    FILE_NOT_FOUND = 0x6A82,
+    FILE_FULL = 0x6A84,
+    WRONG_PARAMETERS = 0x6A86,
+    OBJECT_NOT_FOUND = 0x6A88,
+    WRONG_OFFSET = 0x6B00,
+    UNKNOWN_INSTRUCTION = 0x6D00,
+    UNKNOWN_CLASS = 0x6E00,
 };
 
-constexpr std::uint8_t kMoreData = 0x61;    // SW1; SW2 is how many bytes
-constexpr std::uint8_t kExactLength = 0x6C; // SW1; SW2 is the length to ask for
+constexpr std::uint8_t MORE_DATA = 0x61;    // SW1; SW2 is how many bytes
+constexpr std::uint8_t EXACT_LENGTH = 0x6C; // SW1; SW2 is the length to ask for
 
-constexpr std::size_t kHeaderLength = 5;
-constexpr std::size_t kShortMost = 256;             // length that a byte of 00 stands for
-constexpr std::uint8_t kShortFileIdentifier = 0x80; // P1 names a file rather than an offset
+constexpr std::size_t HEADER_LENGTH = 5;
+constexpr std::size_t SHORT_MOST = 256;              // length that a byte of 00 stands for
+constexpr std::uint8_t SHORT_FILE_IDENTIFIER = 0x80; // P1 names a file rather than an offset
 
-constexpr std::array<std::uint8_t, 2> kMasterFile{0x3F, 0x00};
-constexpr std::array<std::uint8_t, 2> kCertificateDirectory{0x08, 0x01};
-constexpr std::array<std::uint8_t, 2> kKeyDirectory{0x01, 0x01};
-constexpr std::uint8_t kFirstFile = 0x01; // certificate files 0101 and 0102
-constexpr std::uint8_t kFirstPrivateKey = 0x87;
-constexpr std::uint8_t kFirstPublicKey = 0x07;
+constexpr std::array<std::uint8_t, 2> MASTER_FILE{0x3F, 0x00};
+constexpr std::array<std::uint8_t, 2> CERTIFICATE_DIRECTORY{0x08, 0x01};
+constexpr std::array<std::uint8_t, 2> KEY_DIRECTORY{0x01, 0x01};
+constexpr std::uint8_t FIRST_FILE = 0x01; // certificate files 0101 and 0102
+constexpr std::uint8_t FIRST_PRIVATE_KEY = 0x87;
+constexpr std::uint8_t FIRST_PUBLIC_KEY = 0x07;
 
 // What stands before and behind the key reference in the data fields that name a key.
-constexpr std::array<std::uint8_t, 4> kPublicKeyHead{0x4D, 0x09, 0xFF, 0xA0};
-constexpr std::array<std::uint8_t, 6> kPublicKeyTail{0x05, 0x7F, 0x49, 0x02, 0x81, 0x00};
-constexpr std::array<std::uint8_t, 5> kEnvironmentHead{0x95, 0x01, 0x40, 0x84, 0x01};
-constexpr std::array<std::uint8_t, 3> kEnvironmentTail{0x80, 0x01, 0x02};
-constexpr std::array<std::uint8_t, 4> kGenerateHead{0xA4, 0x03, 0x84, 0x01};
+constexpr std::array<std::uint8_t, 4> PUBLIC_KEY_HEAD{0x4D, 0x09, 0xFF, 0xA0};
+constexpr std::array<std::uint8_t, 6> PUBLIC_KEY_TAIL{0x05, 0x7F, 0x49, 0x02, 0x81, 0x00};
+constexpr std::array<std::uint8_t, 5> ENVIRONMENT_HEAD{0x95, 0x01, 0x40, 0x84, 0x01};
+constexpr std::array<std::uint8_t, 3> ENVIRONMENT_TAIL{0x80, 0x01, 0x02};
+constexpr std::array<std::uint8_t, 4> GENERATE_HEAD{0xA4, 0x03, 0x84, 0x01};
 
-constexpr std::array<std::uint8_t, 2> kAbsentKey{0x4D, 0x00}; // a header list that names nothing
-constexpr std::string_view kPinFiller = "0000";
+constexpr std::array<std::uint8_t, 2> ABSENT_KEY{0x4D, 0x00}; // a header list that names nothing
+constexpr std::string_view PIN_FILLER = "0000";
 
 constexpr std::uint8_t lowByte(std::size_t value)
 {
-    return static_cast<std::uint8_t>(value & 0xFFu);
+    return static_cast<std::uint8_t>(value & 0xFFU);
 }
 
 Bytes status(unsigned value)
@@ -77,7 +77,7 @@ bool same(std::span<const std::uint8_t> left, std::span<const std::uint8_t> righ
 // Position of the key that a reference names, if the card has such a position.
 std::optional<std::size_t> positionOf(std::uint8_t reference, std::uint8_t first)
 {
-    if (reference < first || reference - first >= static_cast<int>(kIdCardPositions)) {
+    if (reference < first || reference - first >= static_cast<int>(ID_CARD_POSITIONS)) {
         return std::nullopt;
     }
     return static_cast<std::size_t>(reference - first);
@@ -104,14 +104,14 @@ void putHeader(Bytes& out, std::span<const std::uint8_t> tag, std::size_t length
 
 Bytes publicKeyTemplate(std::uint8_t reference, const Bytes& modulus)
 {
-    constexpr std::size_t kModulusHeader = 4;
-    constexpr std::size_t kKeyHeader = 5;
+    constexpr std::size_t MODULUS_HEADER = 4;
+    constexpr std::size_t KEY_HEADER = 5;
     const std::array<std::uint8_t, 3> object{0xFF, 0xA0, reference};
     constexpr std::array<std::uint8_t, 2> publicKey{0x7F, 0x49};
     constexpr std::array<std::uint8_t, 1> modulusTag{0x81};
     Bytes out;
-    putHeader(out, object, kKeyHeader + kModulusHeader + modulus.size());
-    putHeader(out, publicKey, kModulusHeader + modulus.size());
+    putHeader(out, object, KEY_HEADER + MODULUS_HEADER + modulus.size());
+    putHeader(out, publicKey, MODULUS_HEADER + modulus.size());
     putHeader(out, modulusTag, modulus.size());
     out.insert(out.end(), modulus.begin(), modulus.end());
     return out;
@@ -134,7 +134,7 @@ struct IdCard::Command {
     bool counted() const { return p3 != 0 && data.size() == p3; }
     // P3 is the length wanted, and no data came.
     bool wants() const { return data.empty(); }
-    std::size_t wanted() const { return p3 == 0 ? kShortMost : p3; }
+    std::size_t wanted() const { return p3 == 0 ? SHORT_MOST : p3; }
     std::size_t offset() const { return (std::size_t{p1} << 8) | p2; }
 };
 
@@ -144,7 +144,7 @@ struct IdCard::Instruction {
     unsigned long IdCardCounters::*counter;
 };
 
-const std::array<IdCard::Instruction, 10> IdCard::kInstructions{{
+const std::array<IdCard::Instruction, 10> IdCard::INSTRUCTIONS{{
     {0xA4, &IdCard::select, &IdCardCounters::selects},
     {0xB0, &IdCard::readBinary, &IdCardCounters::reads},
     {0xD6, &IdCard::updateBinary, &IdCardCounters::updates},
@@ -161,69 +161,69 @@ Bytes IdCard::transmit(std::span<const std::uint8_t> command)
 {
     ++counters_.commands;
     const Bytes waiting = std::exchange(pending_, {});
-    if (command.size() < kHeaderLength - 1) {
-        return status(kWrongLength);
+    if (command.size() < HEADER_LENGTH - 1) {
+        return status(WRONG_LENGTH);
     }
     if (command[0] != 0x00) {
-        return status(kUnknownClass);
+        return status(UNKNOWN_CLASS);
     }
-    const auto known = std::find_if(kInstructions.begin(), kInstructions.end(),
+    const auto known = std::find_if(INSTRUCTIONS.begin(), INSTRUCTIONS.end(),
                                     [&](const Instruction& i) { return i.code == command[1]; });
-    if (known == kInstructions.end()) {
-        return status(kUnknownInstruction);
+    if (known == INSTRUCTIONS.end()) {
+        return status(UNKNOWN_INSTRUCTION);
     }
     ++(counters_.*known->counter);
-    if (command.size() < kHeaderLength) {
-        return status(kWrongLength);
+    if (command.size() < HEADER_LENGTH) {
+        return status(WRONG_LENGTH);
     }
     if (known->run == &IdCard::getResponse) {
         pending_ = waiting; // the one command that leaves them be
     }
     return (this->*known->run)(
-        {command[2], command[3], command[4], command.subspan(kHeaderLength)});
+        {command[2], command[3], command[4], command.subspan(HEADER_LENGTH)});
 }
 
 // Keeps the data for GET RESPONSE and says how many bytes there are, 00 for 256 and more.
 Bytes IdCard::answerLater(Bytes data)
 {
     pending_ = std::move(data);
-    return {kMoreData, lowByte(std::min(pending_.size(), kShortMost))};
+    return {MORE_DATA, lowByte(std::min(pending_.size(), SHORT_MOST))};
 }
 
 Bytes IdCard::getResponse(const Command& command)
 {
     if (!command.parameters(0x00, 0x00) || !command.wants()) {
         pending_.clear();
-        return status(command.wants() ? kWrongParameters : kWrongLength);
+        return status(command.wants() ? WRONG_PARAMETERS : WRONG_LENGTH);
     }
     if (pending_.empty()) {
-        return status(kConditions);
+        return status(CONDITIONS);
     }
-    const std::size_t ready = std::min(pending_.size(), kShortMost);
+    const std::size_t ready = std::min(pending_.size(), SHORT_MOST);
     if (command.wanted() > ready) {
-        return {kExactLength, lowByte(ready)};
+        return {EXACT_LENGTH, lowByte(ready)};
     }
     const auto end = pending_.begin() + static_cast<std::ptrdiff_t>(command.wanted());
     Bytes answer(pending_.begin(), end);
     pending_.erase(pending_.begin(), end);
     const Bytes closing = pending_.empty()
-                              ? status(kDone)
-                              : Bytes{kMoreData, lowByte(std::min(pending_.size(), kShortMost))};
+                              ? status(DONE)
+                              : Bytes{MORE_DATA, lowByte(std::min(pending_.size(), SHORT_MOST))};
     answer.insert(answer.end(), closing.begin(), closing.end());
     return answer;
 }
 
 Bytes IdCard::select(const Command& command)
 {
-    constexpr std::uint8_t kNoResponse = 0x0C;
-    if (command.p1 > 0x02 || command.p2 != kNoResponse) {
-        return status(kWrongParameters);
+    constexpr std::uint8_t NO_RESPONSE = 0x0C;
+    if (command.p1 > 0x02 || command.p2 != NO_RESPONSE) {
+        return status(WRONG_PARAMETERS);
     }
     if (!command.counted() || command.data.size() != 2) {
-        return status(kWrongLength);
+        return status(WRONG_LENGTH);
     }
     if (command.p1 == 0x00) {
-        return same(command.data, kMasterFile) ? enter(Directory::Master) : status(kFileNotFound);
+        return same(command.data, MASTER_FILE) ? enter(Directory::Master) : status(FILE_NOT_FOUND);
     }
     return command.p1 == 0x01 ? selectDirectory(command) : selectFile(command);
 }
@@ -233,186 +233,186 @@ Bytes IdCard::enter(Directory directory)
     directory_ = directory;
     openFile_.reset();
     signingKey_.reset();
-    return status(kDone);
+    return status(DONE);
 }
 
 // Directories are found from the master file alone.
 Bytes IdCard::selectDirectory(const Command& command)
 {
-    if (directory_ == Directory::Master && same(command.data, kCertificateDirectory)) {
+    if (directory_ == Directory::Master && same(command.data, CERTIFICATE_DIRECTORY)) {
         return enter(Directory::Certificates);
     }
-    if (directory_ == Directory::Master && same(command.data, kKeyDirectory)) {
+    if (directory_ == Directory::Master && same(command.data, KEY_DIRECTORY)) {
         return enter(Directory::Keys);
     }
-    return status(kFileNotFound);
+    return status(FILE_NOT_FOUND);
 }
 
 Bytes IdCard::selectFile(const Command& command)
 {
-    const std::optional<std::size_t> position = positionOf(command.data[1], kFirstFile);
+    const std::optional<std::size_t> position = positionOf(command.data[1], FIRST_FILE);
     if (directory_ != Directory::Certificates || command.data[0] != 0x01 || !position) {
-        return status(kFileNotFound);
+        return status(FILE_NOT_FOUND);
     }
     openFile_ = position;
-    return status(kDone);
+    return status(DONE);
 }
 
 Bytes IdCard::readBinary(const Command& command)
 {
-    if ((command.p1 & kShortFileIdentifier) != 0) {
-        return status(kWrongParameters);
+    if ((command.p1 & SHORT_FILE_IDENTIFIER) != 0) {
+        return status(WRONG_PARAMETERS);
     }
     if (!command.wants()) {
-        return status(kWrongLength);
+        return status(WRONG_LENGTH);
     }
     if (!openFile_) {
-        return status(kNoCurrentFile);
+        return status(NO_CURRENT_FILE);
     }
     const std::span<const std::uint8_t> content = places_[*openFile_].file;
     if (command.offset() >= content.size()) {
-        return status(kWrongOffset);
+        return status(WRONG_OFFSET);
     }
     const auto rest = content.subspan(command.offset());
     return rest.size() < command.wanted() ? shortAnswer(rest, command.p3 == 0)
-                                          : with(rest.first(command.wanted()), kDone);
+                                          : with(rest.first(command.wanted()), DONE);
 }
 
 // A length of 00 asks for whatever there is, so that fewer than 256 bytes deserve no warning.
 Bytes IdCard::shortAnswer(std::span<const std::uint8_t> rest, bool anyLength) const
 {
     if (shortRead_ == ShortRead::WrongLength) {
-        return {kExactLength, lowByte(rest.size())};
+        return {EXACT_LENGTH, lowByte(rest.size())};
     }
     const bool warned = shortRead_ == ShortRead::Warning && !anyLength;
-    return with(rest, warned ? kFileEndsEarly : kDone);
+    return with(rest, warned ? FILE_ENDS_EARLY : DONE);
 }
 
 Bytes IdCard::updateBinary(const Command& command)
 {
-    if ((command.p1 & kShortFileIdentifier) != 0) {
-        return status(kWrongParameters);
+    if ((command.p1 & SHORT_FILE_IDENTIFIER) != 0) {
+        return status(WRONG_PARAMETERS);
     }
     // A length byte of 00 with 256 bytes behind it is taken as 256.
     if (command.data.size() != command.wanted()) {
-        return status(kWrongLength);
+        return status(WRONG_LENGTH);
     }
     if (!openFile_) {
-        return status(kNoCurrentFile);
+        return status(NO_CURRENT_FILE);
     }
     if (!verified_) {
-        return status(kSecurityStatus);
+        return status(SECURITY_STATUS);
     }
     Bytes& content = places_[*openFile_].file;
     if (command.offset() >= content.size()) {
-        return status(kWrongOffset);
+        return status(WRONG_OFFSET);
     }
     if (command.data.size() > content.size() - command.offset()) {
-        return status(kFileFull);
+        return status(FILE_FULL);
     }
     std::copy(command.data.begin(), command.data.end(),
               content.begin() + static_cast<std::ptrdiff_t>(command.offset()));
     ++revision_;
-    return status(kDone);
+    return status(DONE);
 }
 
 Bytes IdCard::getData(const Command& command)
 {
     if (!command.wants()) {
-        return status(kWrongLength);
+        return status(WRONG_LENGTH);
     }
     if (!command.parameters(0xDF, 0x01) || directory_ != Directory::Master) {
-        return status(kObjectNotFound);
+        return status(OBJECT_NOT_FOUND);
     }
     if (command.p3 != cardObject_.size()) {
-        return {kExactLength, lowByte(cardObject_.size())};
+        return {EXACT_LENGTH, lowByte(cardObject_.size())};
     }
-    return with(cardObject_, kDone);
+    return with(cardObject_, DONE);
 }
 
 Bytes IdCard::getPublicKey(const Command& command)
 {
     if (!command.parameters(0x3F, 0xFF)) {
-        return status(kWrongParameters);
+        return status(WRONG_PARAMETERS);
     }
     if (!command.counted()) {
-        return status(kWrongLength);
+        return status(WRONG_LENGTH);
     }
-    const auto reference = referenceIn(command.data, kPublicKeyHead, kPublicKeyTail);
+    const auto reference = referenceIn(command.data, PUBLIC_KEY_HEAD, PUBLIC_KEY_TAIL);
     if (!reference) {
-        return status(kWrongData);
+        return status(WRONG_DATA);
     }
-    const auto position = positionOf(*reference, kFirstPublicKey);
+    const auto position = positionOf(*reference, FIRST_PUBLIC_KEY);
     if (directory_ != Directory::Keys || !position) {
-        return status(kObjectNotFound);
+        return status(OBJECT_NOT_FOUND);
     }
     const RsaKey& asked = places_[*position].key;
     return answerLater(asked ? publicKeyTemplate(*reference, asked.modulus())
-                             : Bytes(kAbsentKey.begin(), kAbsentKey.end()));
+                             : Bytes(ABSENT_KEY.begin(), ABSENT_KEY.end()));
 }
 
 Bytes IdCard::verify(const Command& command)
 {
     if (!command.parameters(0x00, 0x02)) {
-        return status(kWrongParameters);
+        return status(WRONG_PARAMETERS);
     }
-    const std::string whole = pin_ + std::string(kPinFiller);
+    const std::string whole = pin_ + std::string(PIN_FILLER);
     if (!command.counted() || command.data.size() != whole.size()) {
-        return status(kWrongLength);
+        return status(WRONG_LENGTH);
     }
     if (directory_ != Directory::Master) {
-        return status(kObjectNotFound);
+        return status(OBJECT_NOT_FOUND);
     }
     if (retriesLeft_ == 0) {
-        return status(kPinBlocked);
+        return status(PIN_BLOCKED);
     }
     verified_ = same(command.data, Bytes(whole.begin(), whole.end()));
     const std::uint8_t left = verified_ ? retryLimit_ : static_cast<std::uint8_t>(retriesLeft_ - 1);
-    revision_ += left != retriesLeft_ ? 1u : 0u;
+    revision_ += left != retriesLeft_ ? 1U : 0U;
     retriesLeft_ = left;
-    return status(verified_ ? kDone : kWrongPin + left);
+    return status(verified_ ? DONE : WRONG_PIN + left);
 }
 
 Bytes IdCard::setEnvironment(const Command& command)
 {
     if (!command.parameters(0x41, 0xA4)) {
-        return status(kWrongParameters);
+        return status(WRONG_PARAMETERS);
     }
     if (!command.counted()) {
-        return status(kWrongLength);
+        return status(WRONG_LENGTH);
     }
-    const auto reference = referenceIn(command.data, kEnvironmentHead, kEnvironmentTail);
+    const auto reference = referenceIn(command.data, ENVIRONMENT_HEAD, ENVIRONMENT_TAIL);
     if (!reference) {
-        return status(kWrongData);
+        return status(WRONG_DATA);
     }
     if (directory_ != Directory::Keys) {
-        return status(kConditions);
+        return status(CONDITIONS);
     }
-    const auto position = positionOf(*reference, kFirstPrivateKey);
+    const auto position = positionOf(*reference, FIRST_PRIVATE_KEY);
     if (!position || !places_[*position].key) {
-        return status(kObjectNotFound);
+        return status(OBJECT_NOT_FOUND);
     }
     signingKey_ = position;
-    return status(kDone);
+    return status(DONE);
 }
 
 Bytes IdCard::sign(const Command& command)
 {
     if (!command.parameters(0x02, 0x00)) {
-        return status(kWrongParameters);
+        return status(WRONG_PARAMETERS);
     }
     if (!command.counted()) {
-        return status(kWrongLength);
+        return status(WRONG_LENGTH);
     }
     if (!verified_) {
-        return status(kSecurityStatus);
+        return status(SECURITY_STATUS);
     }
     if (!signingKey_) {
-        return status(kConditions);
+        return status(CONDITIONS);
     }
     const RsaKey& key = places_[*signingKey_].key;
     if (command.data.size() > key.signCapacity()) {
-        return status(kWrongLength);
+        return status(WRONG_LENGTH);
     }
     ++counters_.signatures;
     return answerLater(key.sign(command.data));
@@ -421,27 +421,27 @@ Bytes IdCard::sign(const Command& command)
 Bytes IdCard::generate(const Command& command)
 {
     if (!command.parameters(0x02, 0x00)) {
-        return status(kWrongParameters);
+        return status(WRONG_PARAMETERS);
     }
     if (!command.counted()) {
-        return status(kWrongLength);
+        return status(WRONG_LENGTH);
     }
-    const auto reference = referenceIn(command.data, kGenerateHead, {});
+    const auto reference = referenceIn(command.data, GENERATE_HEAD, {});
     if (!reference) {
-        return status(kWrongData);
+        return status(WRONG_DATA);
     }
     if (directory_ != Directory::Keys) {
-        return status(kConditions);
+        return status(CONDITIONS);
     }
     if (!verified_) {
-        return status(kSecurityStatus);
+        return status(SECURITY_STATUS);
     }
-    const auto position = positionOf(*reference, kFirstPrivateKey);
+    const auto position = positionOf(*reference, FIRST_PRIVATE_KEY);
     if (!position) {
-        return status(kObjectNotFound);
+        return status(OBJECT_NOT_FOUND);
     }
     setKey(*position, RsaKey::generate(generatedBits_));
-    return status(kDone);
+    return status(DONE);
 }
 
 } // namespace sim

@@ -15,23 +15,23 @@ namespace sim {
 
 namespace {
 
-constexpr std::string_view kMagic = "VELTIDC1";
+constexpr std::string_view MAGIC = "VELTIDC1";
 
 enum Tag : std::uint8_t {
-    kIssue = 0x01,
-    kShortReads = 0x02,
-    kRetryLimit = 0x03,
-    kRetriesLeft = 0x04,
-    kPin = 0x05,
-    kCardObject = 0x06,
-    kGeneratedBits = 0x07,
-    kFirstKey = 0x11,
-    kFirstFile = 0x21,
+    ISSUE = 0x01,
+    SHORT_READS = 0x02,
+    RETRY_LIMIT = 0x03,
+    RETRIES_LEFT = 0x04,
+    PIN = 0x05,
+    CARD_OBJECT = 0x06,
+    GENERATED_BITS = 0x07,
+    FIRST_KEY = 0x11,
+    FIRST_FILE = 0x21,
 };
 
-constexpr std::size_t kPinLength = 4;
-constexpr std::size_t kCardObjectLength = 9;
-constexpr std::size_t kLargestFile = 0x8000;
+constexpr std::size_t PIN_LENGTH = 4;
+constexpr std::size_t CARD_OBJECT_LENGTH = 9;
+constexpr std::size_t LARGEST_FILE = 0x8000;
 
 std::uint8_t tagAt(Tag first, std::size_t position)
 {
@@ -50,7 +50,7 @@ std::uint8_t byteIn(const StateRecords& records, Tag tag, std::uint8_t most)
 const Bytes& fileIn(const StateRecords& records, std::uint8_t tag)
 {
     const Bytes& content = stateRecord(records, tag);
-    if (content.size() > kLargestFile) {
+    if (content.size() > LARGEST_FILE) {
         throw StateError("the state has a file that is too large");
     }
     return content;
@@ -74,39 +74,39 @@ RsaKey keyIn(const StateRecords& records, std::uint8_t tag)
 Bytes IdCard::state() const
 {
     StateRecords records;
-    records[kIssue] = {static_cast<std::uint8_t>(issue_)};
-    records[kShortReads] = {static_cast<std::uint8_t>(shortRead_)};
-    records[kRetryLimit] = {retryLimit_};
-    records[kRetriesLeft] = {retriesLeft_};
-    records[kPin] = Bytes(pin_.begin(), pin_.end());
-    records[kCardObject] = cardObject_;
-    records[kGeneratedBits] = {static_cast<std::uint8_t>(generatedBits_ >> 8),
-                               static_cast<std::uint8_t>(generatedBits_ & 0xFFu)};
-    for (std::size_t position = 0; position < kIdCardPositions; ++position) {
+    records[ISSUE] = {static_cast<std::uint8_t>(issue_)};
+    records[SHORT_READS] = {static_cast<std::uint8_t>(shortRead_)};
+    records[RETRY_LIMIT] = {retryLimit_};
+    records[RETRIES_LEFT] = {retriesLeft_};
+    records[PIN] = Bytes(pin_.begin(), pin_.end());
+    records[CARD_OBJECT] = cardObject_;
+    records[GENERATED_BITS] = {static_cast<std::uint8_t>(generatedBits_ >> 8),
+                               static_cast<std::uint8_t>(generatedBits_ & 0xFFU)};
+    for (std::size_t position = 0; position < ID_CARD_POSITIONS; ++position) {
         if (places_[position].key) {
-            records[tagAt(kFirstKey, position)] = places_[position].key.privateDer();
+            records[tagAt(FIRST_KEY, position)] = places_[position].key.privateDer();
         }
-        records[tagAt(kFirstFile, position)] = places_[position].file;
+        records[tagAt(FIRST_FILE, position)] = places_[position].file;
     }
-    return packState(kMagic, records);
+    return packState(MAGIC, records);
 }
 
 void IdCard::restore(std::span<const std::uint8_t> state)
 {
-    const StateRecords records = unpackState(kMagic, state);
+    const StateRecords records = unpackState(MAGIC, state);
     IdCard read = *this;
-    read.issue_ = static_cast<IdCardIssue>(byteIn(records, kIssue, 1));
-    read.shortRead_ = static_cast<ShortRead>(byteIn(records, kShortReads, 2));
-    read.retryLimit_ = byteIn(records, kRetryLimit, 15);
-    read.retriesLeft_ = byteIn(records, kRetriesLeft, read.retryLimit_);
-    const Bytes& pin = stateRecord(records, kPin, kPinLength);
+    read.issue_ = static_cast<IdCardIssue>(byteIn(records, ISSUE, 1));
+    read.shortRead_ = static_cast<ShortRead>(byteIn(records, SHORT_READS, 2));
+    read.retryLimit_ = byteIn(records, RETRY_LIMIT, 15);
+    read.retriesLeft_ = byteIn(records, RETRIES_LEFT, read.retryLimit_);
+    const Bytes& pin = stateRecord(records, PIN, PIN_LENGTH);
     read.pin_.assign(pin.begin(), pin.end());
-    read.cardObject_ = stateRecord(records, kCardObject, kCardObjectLength);
-    const Bytes& bits = stateRecord(records, kGeneratedBits, 2);
+    read.cardObject_ = stateRecord(records, CARD_OBJECT, CARD_OBJECT_LENGTH);
+    const Bytes& bits = stateRecord(records, GENERATED_BITS, 2);
     read.generatedBits_ = static_cast<unsigned>(bits[0] << 8) | bits[1];
-    for (std::size_t position = 0; position < kIdCardPositions; ++position) {
-        read.setKey(position, keyIn(records, tagAt(kFirstKey, position)));
-        read.setFile(position, fileIn(records, tagAt(kFirstFile, position)));
+    for (std::size_t position = 0; position < ID_CARD_POSITIONS; ++position) {
+        read.setKey(position, keyIn(records, tagAt(FIRST_KEY, position)));
+        read.setFile(position, fileIn(records, tagAt(FIRST_FILE, position)));
     }
     read.reset();
     *this = std::move(read);

@@ -26,7 +26,7 @@ Bytes takeDer(unsigned char* der, int length, const char* what)
     if (length <= 0) {
         throwOpenSsl(what);
     }
-    const Bytes bytes(der, der + length);
+    Bytes bytes(der, der + length);
     OPENSSL_clear_free(der, static_cast<std::size_t>(length));
     return bytes;
 }

@@ -25,13 +25,13 @@ public:
     EVP_PKEY* get() const { return key_.get(); } // stays with this object; null without a key
 
     unsigned bits() const;
-    std::size_t modulusSize() const { return (bits() + 7u) / 8u; }
+    std::size_t modulusSize() const { return (bits() + 7U) / 8U; }
     Bytes modulus() const;    // most significant byte first, modulusSize() bytes
     Bytes privateDer() const; // PKCS#8
     Bytes publicDer() const;  // SubjectPublicKeyInfo
 
     // What a block of type 1 takes at most: the modulus size less 11 bytes of padding.
-    std::size_t signCapacity() const { return modulusSize() - 11u; }
+    std::size_t signCapacity() const { return modulusSize() - 11U; }
     // Pads the data as a block of type 1 and raises it to the private exponent.
     Bytes sign(std::span<const std::uint8_t> data) const;
     // What the public key recovers from a signature: the data, without its padding.

@@ -9,35 +9,37 @@ namespace sim {
 
 static constexpr std::string_view DIGITS = "0123456789ABCDEF";
 
+[[noreturn]] static void refuse(const char* what, std::string_view text)
+{
+    std::fprintf(stderr, "%s: \"%.*s\"\n", what, static_cast<int>(text.size()), text.data());
+    std::abort();
+}
+
 static unsigned digitValue(char digit, std::string_view text)
 {
-    if (digit >= '0' && digit <= '9') {
-        return static_cast<unsigned>(digit - '0');
+    const char upper = digit >= 'a' && digit <= 'f' ? static_cast<char>(digit - 'a' + 'A') : digit;
+    const std::size_t value = DIGITS.find(upper);
+    if (value == std::string_view::npos) {
+        refuse("not hexadecimal", text);
     }
-    const char lower = static_cast<char>(digit | 0x20);
-    if (lower >= 'a' && lower <= 'f') {
-        return static_cast<unsigned>(lower - 'a') + 10;
-    }
-    std::fprintf(stderr, "not hexadecimal: \"%.*s\"\n", static_cast<int>(text.size()), text.data());
-    std::abort();
+    return static_cast<unsigned>(value);
 }
 
 Bytes hex(std::string_view text)
 {
-    Bytes bytes;
-    std::string digits;
+    constexpr std::string_view BLANKS = " \t\r\n";
+    std::vector<unsigned> digits;
     for (const char c : text) {
-        if (c != ' ' && c != '\t' && c != '\n') {
-            digits += c;
+        if (BLANKS.find(c) == std::string_view::npos) {
+            digits.push_back(digitValue(c, text));
         }
     }
     if (digits.size() % 2 != 0) {
-        std::fprintf(stderr, "half a byte: \"%s\"\n", digits.c_str());
-        std::abort();
+        refuse("half a byte", text);
     }
+    Bytes bytes;
     for (std::size_t i = 0; i < digits.size(); i += 2) {
-        bytes.push_back(static_cast<std::uint8_t>(digitValue(digits[i], text) << 4 |
-                                                  digitValue(digits[i + 1], text)));
+        bytes.push_back(static_cast<std::uint8_t>(digits[i] << 4 | digits[i + 1]));
     }
     return bytes;
 }

@@ -13,13 +13,13 @@ namespace sim {
 
 namespace {
 
-constexpr std::size_t kRecordHeader = 5;
-constexpr std::uintmax_t kLargestState = 1u << 20;
+constexpr std::size_t RECORD_HEADER = 5;
+constexpr std::uintmax_t LARGEST_STATE = 1U << 20;
 
 void appendLength(Bytes& state, std::size_t length)
 {
     for (int shift = 24; shift >= 0; shift -= 8) {
-        state.push_back(static_cast<std::uint8_t>((length >> shift) & 0xFFu));
+        state.push_back(static_cast<std::uint8_t>((length >> shift) & 0xFFU));
     }
 }
 
@@ -53,7 +53,7 @@ bool writeAll(int file, std::span<const std::uint8_t> bytes)
 
 Bytes packState(std::string_view magic, const StateRecords& records)
 {
-    if (magic.size() != kStateMagicLength) {
+    if (magic.size() != STATE_MAGIC_LENGTH) {
         throw std::invalid_argument("a state's magic has eight characters");
     }
     Bytes state(magic.begin(), magic.end());
@@ -76,16 +76,16 @@ StateRecords unpackState(std::string_view magic, std::span<const std::uint8_t> s
     StateRecords records;
     state = state.subspan(magic.size());
     while (!state.empty()) {
-        if (state.size() < kRecordHeader ||
-            state.size() - kRecordHeader < lengthAt(state.subspan(1))) {
+        if (state.size() < RECORD_HEADER ||
+            state.size() - RECORD_HEADER < lengthAt(state.subspan(1))) {
             throw StateError("the state ends inside a record");
         }
         const std::size_t length = lengthAt(state.subspan(1));
-        const auto value = state.subspan(kRecordHeader, length);
+        const auto value = state.subspan(RECORD_HEADER, length);
         if (!records.emplace(state.front(), Bytes(value.begin(), value.end())).second) {
             throw StateError("the state has a record twice");
         }
-        state = state.subspan(kRecordHeader + length);
+        state = state.subspan(RECORD_HEADER + length);
     }
     return records;
 }
@@ -123,7 +123,7 @@ Bytes readStateFile(const std::filesystem::path& path)
     if (error) {
         throw StateError(path.string() + ": " + error.message());
     }
-    if (size > kLargestState) {
+    if (size > LARGEST_STATE) {
         throw StateError(path.string() + ": too large for a card's state");
     }
     std::ifstream file(path, std::ios::binary);

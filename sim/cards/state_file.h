@@ -18,7 +18,7 @@
 
 namespace sim {
 
-inline constexpr std::size_t kStateMagicLength = 8;
+inline constexpr std::size_t STATE_MAGIC_LENGTH = 8;
 
 using StateRecords = std::map<std::uint8_t, Bytes>;
 

@@ -16,7 +16,7 @@ namespace {
 using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
 using Time = std::unique_ptr<ASN1_TIME, decltype(&ASN1_STRING_free)>;
 
-constexpr std::size_t kUtcTimeLength = 13;
+constexpr std::size_t UTC_TIME_LENGTH = 13;
 
 int encodingOf(NameText text)
 {
@@ -48,7 +48,7 @@ void fillName(X509_NAME* name, const NameAttributes& attributes)
 Time timeOf(const std::string& text)
 {
     Time time(require(ASN1_TIME_new(), "time"), ASN1_STRING_free);
-    const bool utc = text.size() == kUtcTimeLength;
+    const bool utc = text.size() == UTC_TIME_LENGTH;
     require(utc ? ASN1_UTCTIME_set_string(time.get(), text.c_str())
                 : ASN1_GENERALIZEDTIME_set_string(time.get(), text.c_str()),
             "time");
@@ -89,7 +89,7 @@ Bytes encoded(X509* certificate)
     if (length <= 0) {
         throwOpenSsl("certificate");
     }
-    const Bytes bytes(der, der + length);
+    Bytes bytes(der, der + length);
     OPENSSL_free(der);
     return bytes;
 }

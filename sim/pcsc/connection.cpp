@@ -130,19 +130,6 @@ bool lockedByOther(const Reader& reader, SCARDHANDLE handle)
     return reader.holder != 0 && reader.holder != handle;
 }
 
-LONG refusal(Event event)
-{
-    switch (event) {
-    case Event::Reset:
-        return SCARD_W_RESET_CARD;
-    case Event::Removed:
-        return SCARD_W_REMOVED_CARD;
-    case Event::None:
-        break;
-    }
-    return SCARD_S_SUCCESS;
-}
-
 LONG changeSharing(Reader& reader, DWORD share)
 {
     if (share != SCARD_SHARE_EXCLUSIVE) {
@@ -156,6 +143,32 @@ LONG changeSharing(Reader& reader, DWORD share)
     return SCARD_S_SUCCESS;
 }
 
+// What the service checks of a reconnection before it touches the card.
+LONG checkReconnection(const Reader& reader, SCARDHANDLE handle, DWORD share, DWORD preferred,
+                       DWORD initialization)
+{
+    if (initialization > SCARD_UNPOWER_CARD) {
+        return SCARD_E_INVALID_VALUE;
+    }
+    if (const LONG rv = checkModes(share, preferred); rv != SCARD_S_SUCCESS) {
+        return rv;
+    }
+    if (!reader.plugged) {
+        return SCARD_E_READER_UNAVAILABLE;
+    }
+    return lockedByOther(reader, handle) ? SCARD_E_SHARING_VIOLATION : SCARD_S_SUCCESS;
+}
+
+LONG restart(Lock& lock, const std::shared_ptr<Reader>& reader, DWORD initialization)
+{
+    if (initialization != SCARD_LEAVE_CARD) {
+        resetCard(lock, reader);
+    }
+    powerUp(lock, reader);
+    return reader->card ? SCARD_S_SUCCESS : SCARD_E_NO_SMARTCARD;
+}
+
+// Ends what checkReader() holds against the connection.
 LONG reconnect(SCARDHANDLE handle, DWORD share, DWORD preferred, DWORD initialization,
                LPDWORD protocol)
 {
@@ -169,38 +182,26 @@ LONG reconnect(SCARDHANDLE handle, DWORD share, DWORD preferred, DWORD initializ
     }
     *protocol = 0;
     const std::shared_ptr<Reader> reader = connection->reader;
-    if (initialization > SCARD_UNPOWER_CARD) {
-        return SCARD_E_INVALID_VALUE;
+    LONG rv = checkReconnection(*reader, handle, share, preferred, initialization);
+    if (rv == SCARD_S_SUCCESS) {
+        rv = restart(lock, reader, initialization);
+        connection = findConnection(handle); // the mutex was open meanwhile
     }
-    if (const LONG rv = checkModes(share, preferred); rv != SCARD_S_SUCCESS) {
-        return rv;
-    }
-    if (!reader->plugged) {
-        return SCARD_E_READER_UNAVAILABLE;
-    }
-    if (lockedByOther(*reader, handle)) {
-        return SCARD_E_SHARING_VIOLATION;
-    }
-    if (initialization != SCARD_LEAVE_CARD) {
-        resetCard(lock, reader);
-    }
-    powerUp(lock, reader);
-    if (!reader->card) {
-        return SCARD_E_NO_SMARTCARD;
-    }
-    if (const LONG rv = chooseProtocol(*reader, share, preferred); rv != SCARD_S_SUCCESS) {
-        return rv;
-    }
-    *protocol = reader->protocol;
-    if (const LONG rv = changeSharing(*reader, share); rv != SCARD_S_SUCCESS) {
-        return rv;
-    }
-    connection = findConnection(handle); // the mutex was open meanwhile
     if (connection == nullptr) {
         return SCARD_E_INVALID_HANDLE;
     }
-    connection->event = Event::None;
-    return SCARD_S_SUCCESS;
+    if (rv == SCARD_S_SUCCESS) {
+        rv = chooseProtocol(*reader, share, preferred);
+    }
+    if (rv != SCARD_S_SUCCESS) {
+        return rv;
+    }
+    *protocol = reader->protocol;
+    rv = changeSharing(*reader, share);
+    if (rv == SCARD_S_SUCCESS) {
+        connection->event = Event::None;
+    }
+    return rv;
 }
 
 LONG disconnect(SCARDHANDLE handle, DWORD disposition)
@@ -235,18 +236,11 @@ LONG beginTransaction(SCARDHANDLE handle)
     if (connection == nullptr) {
         return SCARD_E_INVALID_HANDLE;
     }
-    Reader& reader = *connection->reader;
-    if (!reader.plugged) {
-        return SCARD_E_READER_UNAVAILABLE;
-    }
-    if (const LONG rv = refusal(connection->event); rv != SCARD_S_SUCCESS) {
+    if (const LONG rv = checkReader(*connection, handle); rv != SCARD_S_SUCCESS) {
         return rv;
     }
-    if (lockedByOther(reader, handle)) {
-        return SCARD_E_SHARING_VIOLATION;
-    }
-    reader.holder = handle;
-    ++reader.depth;
+    connection->reader->holder = handle;
+    ++connection->reader->depth;
     return SCARD_S_SUCCESS;
 }
 
@@ -260,16 +254,10 @@ LONG endTransaction(SCARDHANDLE handle, DWORD disposition)
     if (disposition > SCARD_EJECT_CARD) {
         return SCARD_E_INVALID_VALUE;
     }
-    const std::shared_ptr<Reader> reader = connection->reader;
-    if (!reader->plugged) {
-        return SCARD_E_READER_UNAVAILABLE;
-    }
-    if (const LONG rv = refusal(connection->event); rv != SCARD_S_SUCCESS) {
+    if (const LONG rv = checkReader(*connection, handle); rv != SCARD_S_SUCCESS) {
         return rv;
     }
-    if (lockedByOther(*reader, handle)) {
-        return SCARD_E_SHARING_VIOLATION;
-    }
+    const std::shared_ptr<Reader> reader = connection->reader;
     if (disposition == SCARD_RESET_CARD || disposition == SCARD_UNPOWER_CARD) {
         resetCard(lock, reader);
     }
@@ -329,16 +317,10 @@ LONG status(SCARDHANDLE handle, const StatusPlaces& to, DWORD nameRoom, DWORD at
     if (connection == nullptr) {
         return SCARD_E_INVALID_HANDLE;
     }
-    const Reader& reader = *connection->reader;
-    if (!reader.plugged) {
-        return SCARD_E_READER_UNAVAILABLE;
-    }
-    if (lockedByOther(reader, handle)) {
-        return SCARD_E_SHARING_VIOLATION;
-    }
-    if (const LONG rv = refusal(connection->event); rv != SCARD_S_SUCCESS) {
+    if (const LONG rv = checkReader(*connection, handle); rv != SCARD_S_SUCCESS) {
         return rv;
     }
+    const Reader& reader = *connection->reader;
     *to.state = stateOf(reader);
     *to.protocol = reader.protocol;
     const std::size_t atrSize = std::min<std::size_t>(reader.atr.size(), MAX_ATR_SIZE);
@@ -350,16 +332,6 @@ LONG status(SCARDHANDLE handle, const StatusPlaces& to, DWORD nameRoom, DWORD at
     }
     const LONG second = giveBytes(reader.atr.data(), atrSize, to.atr, to.atrLength, atrRoom);
     return second != SCARD_S_SUCCESS ? second : first;
-}
-
-std::string nameOf(SCARDHANDLE handle)
-{
-    if (!world().logging) {
-        return {};
-    }
-    const Lock lock(world().mutex);
-    const Connection* const connection = findConnection(handle);
-    return connection != nullptr ? connection->reader->name : std::string();
 }
 
 } // namespace
@@ -396,7 +368,7 @@ LONG SCardReconnect(SCARDHANDLE hCard, DWORD dwShareMode, DWORD dwPreferredProto
 LONG SCardDisconnect(SCARDHANDLE hCard, DWORD dwDisposition)
 {
     const Entry entry(Function::Disconnect);
-    const std::string reader = nameOf(hCard);
+    const std::string reader = readerName(hCard);
     const LONG rv = entry.answer() ? *entry.answer() : disconnect(hCard, dwDisposition);
     return entry.finish(rv, [&](Call& call) {
         call.card = number(hCard);

@@ -19,28 +19,31 @@ static void require(bool held, const char* what, std::string_view reader)
     }
 }
 
-static void empty(Reader& reader)
+// Takes the card out; the caller lets go of it when the mutex is free again.
+static std::shared_ptr<Card> empty(Reader& reader)
 {
+    std::shared_ptr<Card> card = std::move(reader.card);
     reader.card.reset();
     reader.atr.clear();
     reader.offered = 0;
     reader.protocol = 0;
     reader.powered = false;
+    return card;
 }
 
 void reset()
 {
     detail::World& w = world();
+    clearPlans();
+    decltype(w.readers) readers;
+    decltype(w.connections) connections;
     const Lock lock(w.mutex);
     w.service = true;
     w.logging = true;
     w.plugAndPlay = true;
-    w.readers.clear();
+    w.readers.swap(readers);
+    w.connections.swap(connections);
     w.contexts.clear();
-    w.connections.clear();
-    w.pending = 0;
-    w.plans.clear();
-    w.plansOfAny = {};
     w.log.clear();
 }
 
@@ -56,10 +59,11 @@ void plugReader(std::string_view name)
 
 void unplugReader(std::string_view name)
 {
+    std::shared_ptr<Card> card;
     const Lock lock(world().mutex);
     const std::shared_ptr<Reader> reader = detail::findReader(name);
     require(reader != nullptr, "no such reader", name);
-    empty(*reader);
+    card = empty(*reader);
     reader->plugged = false;
     std::erase(world().readers, reader);
 }
@@ -82,16 +86,16 @@ void insertCard(std::string_view readerName, std::shared_ptr<Card> card)
     reader->atr = std::move(atr);
     reader->offered = offered;
     ++reader->events;
-    detail::tell(*reader, Event::Reset);
 }
 
 void removeCard(std::string_view readerName)
 {
+    std::shared_ptr<Card> card;
     const Lock lock(world().mutex);
     const std::shared_ptr<Reader> reader = detail::findReader(readerName);
     require(reader != nullptr, "no such reader", readerName);
     require(reader->card != nullptr, "reader has no card", readerName);
-    empty(*reader);
+    card = empty(*reader);
     ++reader->events;
     detail::tell(*reader, Event::Removed);
 }
@@ -130,9 +134,11 @@ void onNthOfAny(std::size_t n, Action action)
 
 void clearPlans()
 {
+    decltype(world().plans) plans;
+    detail::Plans plansOfAny;
     const Lock lock(world().mutex);
-    world().plans.clear();
-    world().plansOfAny = {};
+    world().plans.swap(plans);
+    std::swap(world().plansOfAny, plansOfAny);
     world().pending = 0;
 }
 

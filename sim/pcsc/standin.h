@@ -1,6 +1,9 @@
 // Control of the stand-in for libpcsclite: which readers and cards there are, what was called, and
 // which calls go wrong. The stand-in exports the SCard* functions of winscard.h; it never waits,
-// whatever timeout it is given. All functions may be called from any thread.
+// whatever timeout it is given (where the service would wait for another's transaction to end, it
+// answers SCARD_E_SHARING_VIOLATION). All functions may be called from any thread, those that
+// change something also by a card while it answers. Nonsense (a card for a reader that is not
+// there, a second one for a reader that has one) throws std::logic_error.
 #pragma once
 
 #include "sim/cards/card.h"
@@ -56,7 +59,9 @@ struct Call {
     std::vector<StateRecord> states; // GetStatusChange; none if there were more than 16
 };
 
-// What happens instead of, or around, one call. Fields left out change nothing.
+// What happens instead of, or around, one call. Fields left out change nothing. A call that fails
+// by plan leaves lengths and handles as the service leaves them when it fails. What `before` does
+// to the readers of a GetStatusChange happens while its caller waits.
 struct Action {
     std::function<void()> before;             // runs first (for example: removes the card)
     std::optional<long> result;               // the call is not carried out and returns this
@@ -72,16 +77,22 @@ void reset();
 // Readers appear at the end of the list; names are unique. Unplugging takes the card along.
 void plugReader(std::string_view name);
 void unplugReader(std::string_view name);
+// A card's ATR and protocol are read when it is inserted and when it is reset.
 void insertCard(std::string_view reader, std::shared_ptr<Card> card);
 void removeCard(std::string_view reader);
 
-// Whether the service knows the pseudo-reader that reports readers coming and going.
+// Whether the service knows the pseudo-reader that reports readers coming and going. If so, it
+// refuses a GetStatusChange with an unknown name (SCARD_E_UNKNOWN_READER, nothing written), as
+// pcsc-lite 1.9.9 does; if not, it is an older one, which marks each unknown name in its state
+// (UNKNOWN, UNAVAILABLE and, unless known before, CHANGED).
 void setPlugAndPlay(bool supported);
 
-// A stopped service answers every call with SCARD_E_NO_SERVICE.
+// A stopped service answers every call with SCARD_E_NO_SERVICE. Contexts and card handles outlive
+// the stop, except those released meanwhile.
 void setServiceRunning(bool running);
 
-// Plans an action for the n-th call (1 is the next) of one function, or of any function.
+// Plans an action for the n-th call (1 is the next) of one function, or of any function. Where
+// several meet in one call, all `before` and `alter` run and the first of each other kind counts.
 void onNth(Function function, std::size_t n, Action action);
 void onNthOfAny(std::size_t n, Action action);
 void clearPlans();

@@ -16,28 +16,13 @@ const SCARD_IO_REQUEST g_rgSCardRawPci = {SCARD_PROTOCOL_RAW, sizeof(SCARD_IO_RE
 
 namespace {
 
-LONG checkReader(const Connection& connection, SCARDHANDLE handle)
-{
-    const Reader& reader = *connection.reader;
-    if (!reader.plugged) {
-        return SCARD_E_READER_UNAVAILABLE;
-    }
-    if (reader.holder != 0 && reader.holder != handle) {
-        return SCARD_E_SHARING_VIOLATION; // the service would wait for the end of the transaction
-    }
-    if (connection.event != Event::None) {
-        return connection.event == Event::Removed ? SCARD_W_REMOVED_CARD : SCARD_W_RESET_CARD;
-    }
-    return SCARD_S_SUCCESS;
-}
-
 LONG checkExchange(const Connection& connection, SCARDHANDLE handle, unsigned long protocol)
 {
     if (const LONG rv = checkReader(connection, handle); rv != SCARD_S_SUCCESS) {
         return rv;
     }
     if (!connection.reader->card) {
-        return SCARD_E_NO_SMARTCARD;
+        return protocol == SCARD_PROTOCOL_RAW ? SCARD_E_NOT_TRANSACTED : SCARD_E_NO_SMARTCARD;
     }
     return protocol != SCARD_PROTOCOL_RAW && protocol != connection.reader->protocol
                ? SCARD_E_PROTO_MISMATCH
@@ -191,13 +176,6 @@ LONG setAttribute(SCARDHANDLE handle, LPCBYTE value, DWORD length)
     return rv == SCARD_S_SUCCESS ? SCARD_E_UNSUPPORTED_FEATURE : rv;
 }
 
-std::string nameOf(SCARDHANDLE handle)
-{
-    const Lock lock(world().mutex);
-    const Connection* const connection = findConnection(handle);
-    return connection != nullptr ? connection->reader->name : std::string();
-}
-
 } // namespace
 
 LONG SCardTransmit(SCARDHANDLE hCard, const SCARD_IO_REQUEST* pioSendPci, LPCBYTE pbSendBuffer,
@@ -219,7 +197,7 @@ LONG SCardTransmit(SCARDHANDLE hCard, const SCARD_IO_REQUEST* pioSendPci, LPCBYT
     }
     return entry.finish(rv, [&](Call& call) {
         call.card = number(hCard);
-        call.reader = nameOf(hCard);
+        call.reader = readerName(hCard);
         call.protocols = pioSendPci != nullptr ? pioSendPci->dwProtocol : 0;
         call.bufferGiven = pioRecvPci != nullptr;
         call.capacity = capacity;

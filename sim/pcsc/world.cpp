@@ -33,6 +33,36 @@ Connection* findConnection(SCARDHANDLE handle)
     return found == world().connections.end() ? nullptr : &found->second;
 }
 
+LONG checkReader(const Connection& connection, SCARDHANDLE handle)
+{
+    const Reader& reader = *connection.reader;
+    if (!reader.plugged) {
+        return SCARD_E_READER_UNAVAILABLE;
+    }
+    if (reader.holder != 0 && reader.holder != handle) {
+        return SCARD_E_SHARING_VIOLATION; // the service would wait for the end of the transaction
+    }
+    switch (connection.event) {
+    case Event::Reset:
+        return SCARD_W_RESET_CARD;
+    case Event::Removed:
+        return SCARD_W_REMOVED_CARD;
+    case Event::None:
+        break;
+    }
+    return SCARD_S_SUCCESS;
+}
+
+std::string readerName(SCARDHANDLE handle)
+{
+    if (!world().logging) {
+        return {};
+    }
+    const Lock lock(world().mutex);
+    const Connection* const connection = findConnection(handle);
+    return connection != nullptr ? connection->reader->name : std::string();
+}
+
 void tell(const Reader& reader, Event event)
 {
     for (auto& [handle, connection] : world().connections) {
@@ -73,12 +103,13 @@ static void startCard(Lock& lock, const std::shared_ptr<Reader>& reader, bool on
     if (reader->card != card || (onlyUnpowered && reader->powered)) {
         return;
     }
+    const unsigned long events = reader->events; // the card may leave and come back meanwhile
     lock.unlock();
     card->reset();
     Bytes atr = card->atr();
     const unsigned long offered = card->protocol();
     lock.lock();
-    if (reader->card == card) {
+    if (reader->card == card && reader->events == events) {
         reader->atr = std::move(atr);
         reader->offered = offered;
         reader->powered = true;

@@ -84,9 +84,13 @@ std::unique_lock<std::recursive_mutex> cardLock(const Card& card);
 // The functions below need the world's mutex.
 std::shared_ptr<Reader> findReader(std::string_view name);
 Connection* findConnection(SCARDHANDLE handle);
+LONG checkReader(const Connection& connection, SCARDHANDLE handle); // why a call is refused, or 0
 void tell(const Reader& reader, Event event);
 void closeConnection(SCARDHANDLE handle);
 void unlockReader(Reader& reader, SCARDHANDLE handle);
+
+// The name of the connection's reader, for the log; takes the mutex itself.
+std::string readerName(SCARDHANDLE handle);
 
 // These two let go of the world's mutex while the card works.
 void powerUp(Lock& lock, const std::shared_ptr<Reader>& reader);

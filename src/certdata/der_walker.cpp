@@ -51,7 +51,8 @@ constexpr char EMAIL_ADDRESS[] = "1.2.840.113549.1.9.1";
 constexpr std::int64_t MIN_WALKED_BITS = 5; // octets of a BIT STRING that may hold an item
 constexpr std::int32_t MAX_PEEKED_TAG = 49;
 
-// Each run of items inside another takes two octets at least, of which the encoding's last is none.
+// A nested run lies behind a header of two octets at least, and a header that ends the encoding
+// opens none: no certificate buffer holds more open runs than this.
 constexpr std::size_t MAX_ENCODING = 4096;
 constexpr std::size_t MAX_RUNS = MAX_ENCODING / 2;
 

@@ -2,6 +2,7 @@
 
 #include "src/core/bytes.h"
 
+// Zero at load time, so that the module's data needs no initialisation.
 CertAttr certAttrTempl;
 PubKeyAttr pubKeyAttrTempl;
 PrivKeyAttr privKeyAttrTempl;
@@ -46,6 +47,7 @@ void initPrivateKey(PrivKeyAttr& attr) noexcept
 
 } // namespace
 
+// Each template has a guard of its own: the field whose default is 1.
 void velt::initAttrTemplates() noexcept
 {
     if (certAttrTempl.initialised != SET) {

@@ -50,6 +50,7 @@ void dropTable() noexcept
     tableSize = 0;
 }
 
+// Zeroed, because a length of 0 means "not read yet".
 template <class Block>
 Block* attachBlock(ObjectEntry& entry) noexcept
 {
@@ -75,12 +76,14 @@ std::uint64_t VELTObjectsInit(CK_SESSION_HANDLE hSession, std::uint64_t tokenTyp
         return velt::report("VELTObjectsInit CKR_OK", CKR_OK);
     }
     velt::note("VELTObjectsInit Do init = true");
+    // For a slot that holds no known token this clears the type alone; what stands in the table is
+    // called all the same.
     if (stVELTTokens.type != tokenType) {
         fVELTTokensInit(&stVELTTokens, tokenType);
     }
     const CK_RV result = velt::callDriver(&TokenDriver::ObjectsInit, hSession);
     if (result != 0) {
-        return result;
+        return result; // the flag stays set: the next call tries again
     }
     oiFlags = 0;
     velt::note("VELTObjectsInit complete");
@@ -124,6 +127,8 @@ PrivKeyAttr* privateKeyOf(ObjectEntry* entry) noexcept
     return blockOf<PrivKeyAttr>(entry, CKO_PRIVATE_KEY);
 }
 
+// The old table goes first, also when there is no memory for the new one: its objects are those of
+// a token that may be gone.
 bool rebuildObjects(std::size_t entries) noexcept
 {
     freeRetired();

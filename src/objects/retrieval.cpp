@@ -50,6 +50,7 @@ struct AttributeRow {
 
 // The object's class decides between rows of one type.
 constexpr AttributeRow ROWS[] = {
+    // Every object
     {.type = CKA_CLASS,
      .holder = Holder::Entry,
      .offset = offsetof(ObjectEntry, objClass),
@@ -76,6 +77,8 @@ constexpr AttributeRow ROWS[] = {
      .offset = offsetof(ObjectEntry, isModifiable),
      .room = FLAG},
 
+    // Certificates. Names, serial number and dates come with the body, hence its length is the one
+    // that tells whether they are there.
     {.type = CKA_CERTIFICATE_TYPE,
      .objClass = CKO_CERTIFICATE,
      .offset = offsetof(CertAttr, certType),
@@ -127,6 +130,7 @@ constexpr AttributeRow ROWS[] = {
      .holder = Holder::Constant,
      .room = FLAG},
 
+    // Public keys
     {.type = CKA_KEY_TYPE,
      .objClass = CKO_PUBLIC_KEY,
      .offset = offsetof(PubKeyAttr, keyType),
@@ -174,6 +178,8 @@ constexpr AttributeRow ROWS[] = {
      .lazyOffset = offsetof(PubKeyAttr, valueLen),
      .gostOnly = true},
 
+    // Private keys. Drivers place a key pair's public key before its private key, which has no
+    // modulus and exponent of its own.
     {.type = CKA_KEY_TYPE,
      .objClass = CKO_PRIVATE_KEY,
      .offset = offsetof(PrivKeyAttr, keyType),
@@ -267,6 +273,7 @@ Refusal refuseWithoutRow(const Request& request) noexcept
     if (std::ranges::find(ROWS, type, &AttributeRow::type) == std::end(ROWS)) {
         return velt::report("GetAttributeValue UNKNOWN ATTRIBUTE: ", type, Refusal::Sensitive);
     }
+    // Kept: two messages that differ by a stray format, and two types that pass none.
     if (type == CKA_KEY_TYPE || type == CKA_TRUSTED) {
         velt::note("GetAttributeValue Object CLASS = %x", request.entry.objClass);
     } else if (type != CKA_CERTIFICATE_TYPE && type != CKA_VALUE) {
@@ -311,6 +318,7 @@ void loadOnce(const AttributeRow& row, const Request& request, const std::uint8_
     velt::callDriver(load, request.hSession, request.hObject - (isBefore ? 1 : 0));
 }
 
+// The value as far as its room: a length that a card made too large reaches no other field.
 velt::ByteView valueOf(const AttributeRow& row, const std::uint8_t* record) noexcept
 {
     const velt::ByteView room{record + row.offset, row.room};
@@ -331,6 +339,7 @@ velt::ByteView valueOf(const AttributeRow& row, const std::uint8_t* record) noex
     return room.first(std::min<std::uint64_t>(length, row.room));
 }
 
+// Before ulValueLen is overwritten: the message tells what the host had room for.
 void noteTooSmall(const CK_ATTRIBUTE& attribute) noexcept
 {
     if (attribute.type == CKA_LABEL) {
@@ -405,6 +414,7 @@ CK_RV checkRead(CK_SESSION_HANDLE hSession, CK_ULONG ulCount) noexcept
 
 } // namespace
 
+// Kept: one attribute served makes the call succeed; the others tell by their length.
 CK_RV velt::attributeVerdict(bool served, Refusal last) noexcept
 {
     if (served) {
@@ -445,7 +455,7 @@ CK_RV VELT_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObjec
             attribute.ulValueLen = UNAVAILABLE;
             last = refusal;
         }
-        noteRefusal(last);
+        noteRefusal(last); // again for each attribute behind one that was refused
     }
     return velt::attributeVerdict(served, last);
 }

@@ -45,7 +45,7 @@ TEST_P(TooManyReaders, AreListedButTheirCardsAreNotSeen)
     plugMany(count, &KAZTOKEN);
     EXPECT_EQ(firstSlots(count), slots(CK_FALSE));
     const auto queries = pcsc::calls(Function::GetStatusChange);
-    EXPECT_EQ(count + (plugAndPlay ? 1 : 0), queries.back().states.size());
+    EXPECT_EQ(count + (plugAndPlay ? 1 : 0), queries.back().capacity);
     EXPECT_NE(SCARD_S_SUCCESS, queries.back().result);
     EXPECT_EQ(firstSlots(0), slots(CK_TRUE));
     for (std::size_t i = 0; i < count; ++i) {

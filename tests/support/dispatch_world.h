@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-namespace velt_test {
+namespace velt_test::world {
 
 using fake::Asked;
 
@@ -88,4 +88,4 @@ protected:
     CK_ULONG signatureLength = 8;
 };
 
-} // namespace velt_test
+} // namespace velt_test::world

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace velt_test {
+namespace velt_test::world {
 
 using sim::Bytes;
 using sim::hex;
@@ -148,4 +148,4 @@ protected:
     CK_SESSION_HANDLE session = 0;
 };
 
-} // namespace velt_test
+} // namespace velt_test::world

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #ifdef VELT_DEBUG_LOG
+#include "tests/support/paths.h"
+
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <unistd.h>
@@ -12,9 +15,10 @@
 
 static void enterOwnDirectory()
 {
-    const std::filesystem::path own =
-        std::filesystem::path(VELT_BINARY_DIR) / "run" / std::to_string(getpid());
-    std::filesystem::remove_all(own);
+    // Process numbers come round again within one long run, hence the time as well.
+    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+    const std::filesystem::path own = std::filesystem::path(velt_test::buildDirectory) / "run" /
+                                      (std::to_string(getpid()) + '-' + std::to_string(now));
     std::filesystem::create_directories(own);
     std::filesystem::current_path(own);
 #ifndef VELT_THROUGH_MODULE

@@ -1,12 +1,15 @@
-// Tests through the built module: it is loaded from VELT_MODULE and called through its function
+// Tests through the built module: it is loaded from its file and called through its function
 // list, over the stand-in for PC/SC.
 #pragma once
 
 #include "sim/pcsc/standin.h"
 #include "src/front/pkcs11.h"
 #include "tests/support/codes.h"
+#include "tests/support/fields.h"
 #include "tests/support/known_cards.h"
 #include "tests/support/messages.h"
+#include "tests/support/paths.h"
+#include "tests/support/refresh_messages.h"
 
 #include <gtest/gtest.h>
 
@@ -26,9 +29,6 @@ namespace velt_test {
 
 namespace pcsc = sim::pcsc;
 
-using Texts = std::vector<std::string>;
-
-inline constexpr std::string_view PNP_READER = "\\\\?PnP?\\Notification";
 inline constexpr CK_FLAGS READ_ONLY = CKF_SERIAL_SESSION;
 inline constexpr CK_FLAGS READ_WRITE = CKF_SERIAL_SESSION | CKF_RW_SESSION;
 inline constexpr CK_SESSION_HANDLE NO_HANDLE = 0xD15EA5ED; // what an untouched handle still holds
@@ -52,7 +52,7 @@ public:
     // Loaded once a process and never unloaded.
     static const Module& shared()
     {
-        static const Module module{VELT_MODULE};
+        static const Module module{velt_test::builtModule};
         return module;
     }
 
@@ -62,9 +62,9 @@ public:
         namespace fs = std::filesystem;
         static int copies = 0;
         const fs::path copy =
-            fs::path(VELT_BINARY_DIR) /
+            fs::path(velt_test::buildDirectory) /
             ("module-copy-" + std::to_string(getpid()) + "-" + std::to_string(++copies) + ".so");
-        fs::copy_file(VELT_MODULE, copy, fs::copy_options::overwrite_existing);
+        fs::copy_file(velt_test::builtModule, copy, fs::copy_options::overwrite_existing);
         Module module{copy.string()};
         fs::remove(copy);
         return module;
@@ -176,63 +176,5 @@ class FreshModuleTest : public ModuleTest {
 protected:
     FreshModuleTest() : ModuleTest(Module::fresh()) {}
 };
-
-// Text of a blank-padded field, padding included.
-template <std::size_t Size>
-std::string text(const unsigned char (&field)[Size])
-{
-    return {reinterpret_cast<const char*>(field), Size};
-}
-
-inline std::string paddedTo(std::size_t size, std::string_view text)
-{
-    std::string field(text);
-    field.resize(size, ' ');
-    return field;
-}
-
-// A structure with bytes of a known value behind it, all of them preset.
-template <class Record>
-struct Guarded {
-    static constexpr unsigned char SENTINEL = 0xA5;
-
-    Guarded() { std::fill(std::begin(bytes), std::end(bytes), SENTINEL); }
-
-    Record* get() { return reinterpret_cast<Record*>(bytes); }
-    Record* operator->() { return get(); }
-
-    bool isUntouched() const { return isSentinelFrom(0); }
-    bool endIsUntouched() const { return isSentinelFrom(sizeof(Record)); }
-
-private:
-    bool isSentinelFrom(std::size_t from) const
-    {
-        return std::all_of(std::begin(bytes) + from, std::end(bytes),
-                           [](unsigned char byte) { return byte == SENTINEL; });
-    }
-
-    alignas(Record) unsigned char bytes[sizeof(Record) + 64];
-};
-
-// What the debug hooks are passed during a refresh, from the probe of the pseudo-reader on;
-// `families` holds the message of each reader with a card, in reader order.
-inline Texts refreshMessages(const Texts& families, bool plugAndPlay = true)
-{
-    Texts messages{plugAndPlay ? "GetSlotList: Using reader plug'n play mechanism"
-                               : "GetSlotList: Plug'n play reader name not supported."};
-    messages.emplace_back("UpdateSlotsStates");
-    for (int step = 1; step <= 10; ++step) {
-        messages.push_back("UpdateSlotsStates " + std::to_string(step));
-    }
-    messages.insert(messages.end(), families.begin(), families.end());
-    messages.emplace_back("UpdateSlotstates CKR_OK");
-    return messages;
-}
-
-inline Texts operator+(Texts left, const Texts& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 } // namespace velt_test

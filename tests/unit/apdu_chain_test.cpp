@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace velt_test {
+namespace velt_test::world {
 namespace {
 
 constexpr std::size_t KEPT_DATA = COLLECTION_SIZE - 2; // data that leaves room for 90 00
@@ -418,4 +418,4 @@ TEST_F(ApduChainLengthTest, ACardThatNeverEndsIsGivenUpAndCanBeAskedAgain)
 }
 
 } // namespace
-} // namespace velt_test
+} // namespace velt_test::world

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace velt_test {
+namespace velt_test::world {
 namespace {
 
 // First status bytes that announce more data. They are found by bit tests, so more of them pass
@@ -240,6 +240,19 @@ TEST_F(ApduTest, AReplyTooLongForItsRoomIsATransmissionFailure)
     EXPECT_TRUE(untouchedFrom(4));
 }
 
+TEST_F(ApduTest, ALengthBeyondTheBufferIsNeverBelieved)
+{
+    answer(join(ramp(4000), hex("90 00")));
+    EXPECT_EQ(code(SCARD_E_INSUFFICIENT_BUFFER), ask(OUTPUT_SIZE));
+    EXPECT_LE(velt::replyData().size(), OUTPUT_SIZE);
+    EXPECT_EQ(code(SCARD_E_INVALID_HANDLE), velt::exchange(0, ASK, 65538));
+    EXPECT_LE(velt::replyData().size(), OUTPUT_SIZE);
+    answer("01 90 00");
+    EXPECT_EQ(0U, velt::exchangeAsIs(session, ASK));
+    EXPECT_LE(sent().back().capacity, OUTPUT_SIZE);
+    EXPECT_EQ(hex("01 90 00"), reply());
+}
+
 TEST_F(ApduTest, AReplyWithoutAStatusIsAProtocolMismatch)
 {
     for (const Bytes& stub : {Bytes{}, Bytes{0x90}, Bytes{0x61}}) {
@@ -377,4 +390,4 @@ TEST_F(ApduTest, EachSessionHasItsOwnErrorAndConnection)
 }
 
 } // namespace
-} // namespace velt_test
+} // namespace velt_test::world

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace velt_test {
+namespace velt_test::world {
 namespace {
 
 class DispatchMessagesTest : public DispatchWorld {
@@ -185,4 +185,4 @@ TEST_F(DispatchMessagesTest, AnExchangeTellsNothing)
 }
 
 } // namespace
-} // namespace velt_test
+} // namespace velt_test::world

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace velt_test {
+namespace velt_test::world {
 namespace {
 
 constexpr std::array<CK_RV, 8> REFUSALS{
@@ -455,4 +455,4 @@ TEST_F(DispatchTest, ACreationWithoutAReloadSucceeds)
 }
 
 } // namespace
-} // namespace velt_test
+} // namespace velt_test::world

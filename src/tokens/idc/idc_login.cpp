@@ -17,19 +17,18 @@ constexpr std::size_t PIN_BLOCK_SIZE = 8;
 
 using PinBlock = std::array<std::uint8_t, PIN_BLOCK_SIZE>;
 
-// The first four bytes of a PIN, then the filler.
-PinBlock pinBlock(ByteView pin) noexcept
+// Puts the first four bytes of a PIN, or as many as there are, and the filler into a zeroed block.
+void fillPinBlock(PinBlock& block, ByteView pin) noexcept
 {
-    PinBlock block{};
     velt::copyBounded(ByteRoom{block}.first(PIN_SIZE), pin);
     velt::fill(ByteRoom{block}.subspan(PIN_SIZE), IDC_PIN_FILLER);
-    return block;
 }
 
 // Sends VERIFY; neither copy of the PIN outlives the call.
 std::uint64_t verifyPin(CK_SESSION_HANDLE hSession, ByteView pin) noexcept
 {
-    PinBlock block = pinBlock(pin);
+    PinBlock block{};
+    fillPinBlock(block, pin);
     // Kept: the block is text, so a zero byte among the four ends it.
     const ByteView text = ByteView{block}.first(velt::textLength(block));
     velt::Command verify{IDC_CLA, IDC_INS_VERIFY, IDC_P1_VERIFY, IDC_P2_USER_PIN};

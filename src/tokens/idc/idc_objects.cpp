@@ -166,7 +166,6 @@ CK_RV loadKeys(CK_SESSION_HANDLE hSession, const IdcKeyPair& pair) noexcept
 
 CK_RV fObjectsInitIDC(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession) noexcept
 {
-    ulObjCount = 0;
     Alias1.fill(0);
     Alias2.fill(0);
     if (!velt::rebuildObjects(TABLE_SIZE)) {

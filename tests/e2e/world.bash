@@ -1,0 +1,104 @@
+# Sourced by every end-to-end test: a private world for it, a real client in it, and what it expects.
+# Of a client, `status` is its exit code, and the files out and err hold what it wrote. ctest passes
+# VELT_MODULE, VELT_CARDSIM and VELT_MID_SESSION.
+# shellcheck shell=bash
+set -euo pipefail
+export LC_ALL=C
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+
+# in_world OPTIONS...: runs the test again, from its start, inside a world made with these options of
+# private-pcscd; there it returns.
+in_world() {
+    [ -z "${VELT_WORLD_DIR:-}" ] || return 0
+    exec "$root/sim/world/private-pcscd" --cardsim "$VELT_CARDSIM" "$@" -- "$0"
+}
+
+# work_directory [DIRECTORIES...]: a new one to work in; it goes when the test ends, and those with it.
+work_directory() {
+    cleared=("$(mktemp -d)" "$@")
+    trap clear_up EXIT
+    cd "${cleared[0]}"
+}
+
+clear_up() {
+    local job
+    for job in $(jobs -p); do
+        kill "$job" 2>/dev/null || true
+    done
+    rm -rf "${cleared[@]}"
+}
+
+fail() {
+    echo "FAILED: $1" >&2
+    [ ! -s out ] || sed 's/^/  out: /' out >&2
+    [ ! -s err ] || sed 's/^/  err: /' err >&2
+    exit 1
+}
+
+# client ARGUMENTS...: pkcs11-tool with the module, without a verdict.
+client() {
+    status=0
+    pkcs11-tool --module "$VELT_MODULE" "$@" >out 2>err || status=$?
+}
+
+# expect_success, expect_failure: how the last client ended.
+expect_success() {
+    [ "$status" -eq 0 ] || fail "the client ended with status $status"
+}
+
+expect_failure() { # function code, as in: C_Login CKR_PIN_LOCKED
+    [ "$status" -eq 1 ] || fail "the client ended with status $status, not 1"
+    grep -qE "PKCS11 function $1 failed: rv = $2 \(0x[0-9a-f]+\)" err || fail "no $2 from $1"
+}
+
+# expect_output: standard output is, line by line, what comes in here.
+expect_output() {
+    diff - out >difference || fail "other output than expected (<): $(cat difference)"
+}
+
+# expect_warnings NUMBER FUNCTION(ATTRIBUTE) CODE: how often the client was told so, and went on.
+expect_warnings() {
+    expect_equal "$(grep -cF "warning: PKCS11 function $2${2:+ failed: rv = }$3" err || true)" "$1" \
+        "warnings ${2:-in all}"
+}
+
+expect_equal() { # got, expected, what
+    [ "$1" = "$2" ] || fail "$3: $1, expected: $2"
+}
+
+expect_same() { # file, file
+    cmp "$1" "$2" || fail "$1 and $2 differ"
+}
+
+# sign ID TEXT SIGNATURE [PIN [SLOT]]: the DigestInfo of a text's SHA-256, signed by the card.
+sign() {
+    {
+        printf '\x30\x31\x30\x0d\x06\x09\x60\x86\x48\x01\x65\x03\x04\x02\x01\x05\x00\x04\x20'
+        openssl dgst -sha256 -binary "$2"
+    } >digest-info
+    client --slot "${5:-0}" --login --pin "${4:-1234}" --sign --mechanism RSA-PKCS --id "$1" \
+        --input-file digest-info --output-file "$3"
+}
+
+# commands WORDS: how many commands of a kind reached the first card, by its trace.
+commands() {
+    grep -cE "^[0-9]+ > .*$1" "$VELT_WORLD_DIR/card-1.log" || true
+}
+
+# await_presence FILE, await_absence FILE: at most ten seconds.
+await_presence() {
+    await test -e "$1"
+}
+
+await_absence() {
+    await test ! -e "$1"
+}
+
+await() {
+    local tries=500
+    until "$@"; do
+        [ $((tries -= 1)) -gt 0 ] || fail "waited in vain: $*"
+        sleep 0.02
+    done
+}

@@ -1,0 +1,355 @@
+// The program velt-cardsim, run as a user runs it; the tests play the reader.
+#include "sim/cards/id_card.h"
+#include "sim/cards/scripted_card.h"
+#include "sim/cards/test_ca.h"
+#include "tests/support/virtual_reader.h"
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using sim::hex;
+using sim::toHex;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+std::string contentOf(const std::filesystem::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// Waits until something holds; false if it does not within ten seconds.
+template <class Condition>
+bool await(Condition condition)
+{
+    for (int tries = 0; tries < 1000; ++tries) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+// The program lies in the build directory, above this one.
+std::string cardsimProgram()
+{
+    std::filesystem::path directory = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    while (!std::filesystem::exists(directory / "velt-cardsim") && directory.has_relative_path()) {
+        directory = directory.parent_path();
+    }
+    return directory / "velt-cardsim";
+}
+
+std::string pemOf(const sim::Bytes& der)
+{
+    std::vector<unsigned char> encoded(der.size() * 2);
+    const int length = EVP_EncodeBlock(encoded.data(), der.data(), static_cast<int>(der.size()));
+    const std::string base64(encoded.begin(), encoded.begin() + length);
+    std::string pem = "-----BEGIN CERTIFICATE-----\n";
+    for (std::size_t at = 0; at < base64.size(); at += 64) {
+        pem += base64.substr(at, 64) + '\n';
+    }
+    return pem + "-----END CERTIFICATE-----\n";
+}
+
+class Cardsim : public ::testing::Test {
+protected:
+    Cardsim()
+        : directory(std::filesystem::temp_directory_path() /
+                    ("velt-cardsim-test." + std::to_string(getpid())))
+    {
+        std::filesystem::create_directories(directory);
+    }
+    ~Cardsim() override
+    {
+        if (process > 0) {
+            ::kill(process, SIGKILL);
+            ::waitpid(process, nullptr, 0);
+        }
+        std::filesystem::remove_all(directory);
+    }
+
+    void start(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), cardsimProgram());
+        std::vector<char*> raw;
+        for (std::string& argument : arguments) {
+            raw.push_back(argument.data());
+        }
+        raw.push_back(nullptr);
+        process = ::fork();
+        if (process == 0) {
+            ::dup2(::open((directory / "out").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), 1);
+            ::dup2(::open((directory / "err").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), 2);
+            ::execv(raw[0], raw.data());
+            ::_exit(127);
+        }
+    }
+    int exitCode()
+    {
+        int status = 0;
+        ::waitpid(process, &status, 0);
+        process = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+    int run(std::vector<std::string> arguments)
+    {
+        start(std::move(arguments));
+        return exitCode();
+    }
+    // Starts with the reader's port and waits until the card is in.
+    void insert(std::vector<std::string> arguments = {})
+    {
+        arguments.insert(arguments.begin(), {"--port", std::to_string(reader.port())});
+        start(std::move(arguments));
+        ASSERT_TRUE(reader.takeCard());
+    }
+    int end(int signal = SIGTERM)
+    {
+        ::kill(process, signal);
+        return exitCode();
+    }
+    std::string ask(const std::string& command) { return toHex(reader.exchange(hex(command))); }
+    std::string output() const { return contentOf(directory / "out"); }
+    std::string errors() const { return contentOf(directory / "err"); }
+    std::string path(const char* name) const { return (directory / name).string(); }
+
+    std::filesystem::path directory;
+    VirtualReader reader;
+    pid_t process = -1;
+};
+
+constexpr const char* const SELECT_MASTER = "00 A4 00 0C 02 3F 00";
+constexpr const char* const RIGHT_PIN = "00 20 00 02 08 31 32 33 34 30 30 30 30";
+constexpr const char* const WRONG_PIN = "00 20 00 02 08 39 38 37 36 30 30 30 30";
+
+TEST_F(Cardsim, TheHelpNamesEveryOption)
+{
+    EXPECT_EQ(0, run({"--help"}));
+    for (const char* const option :
+         {"--family",         "--port",         "--readers",        "--wait",
+          "--state",          "--trace",        "--notice",         "--vanish-after",
+          "--raise-loopback", "--old-atr",      "--new-atr",        "--pin",
+          "--retries",        "--keys",         "--generated-bits", "--empty-certificates",
+          "--certificate1",   "--certificate2", "--issuer",         "--data-object"}) {
+        EXPECT_THAT(output(), HasSubstr(option));
+    }
+    EXPECT_EQ("", errors());
+}
+
+TEST_F(Cardsim, WrongOptionsAreExplainedWithExitCode2)
+{
+    const std::vector<std::pair<std::vector<std::string>, const char*>> wrong = {
+        {{"--nonsense"}, "unknown option --nonsense"},
+        {{"card"}, "not an option: card"},
+        {{"--family", "none"}, "there is no family \"none\""},
+        {{"--port"}, "--port needs a value"},
+        {{"--port", "65536"}, "--port takes a number from 1 to 65535, not \"65536\""},
+        {{"--port", "12x"}, "--port takes a number from 1 to 65535, not \"12x\""},
+        {{"--port=7", "--port=7"}, "the same port is given twice"},
+        {{"--readers", "2", "--state", "x"}, "--state keeps one card"},
+        {{"--trace=yes"}, "--trace takes no value"},
+        {{"--pin", "12345"}, "the card's PIN has four characters"},
+        {{"--retries", "0"}, "--retries takes a number from 1 to 15, not \"0\""},
+        {{"--keys", "2048"}, "--keys takes two values"},
+        {{"--keys", "2048,512"}, "--keys takes none, fresh, 1024 or 2048, not \"512\""},
+        {{"--issuer", "five"}, "--issuer takes two, six or seven, not \"five\""},
+        {{"--data-object", "12"}, "--data-object takes 18 hexadecimal digits"},
+        {{"--certificate1", "/nowhere"}, "cannot read certificate /nowhere"},
+        {{"--certificate1", "/dev/null"}, "no certificate in /dev/null"}};
+    for (const auto& [arguments, message] : wrong) {
+        EXPECT_EQ(2, run(arguments)) << message;
+        EXPECT_THAT(errors(), StartsWith("velt-cardsim: "));
+        EXPECT_THAT(errors(), HasSubstr(message));
+    }
+}
+
+TEST_F(Cardsim, EndsWithExitCode3WhereNoReaderListens)
+{
+    reader.stopListening();
+    EXPECT_EQ(3, run({"--wait", "0", "--port", std::to_string(reader.port())}));
+    EXPECT_EQ("velt-cardsim: no virtual reader listens on port " + std::to_string(reader.port()) +
+                  "\n",
+              errors());
+}
+
+TEST_F(Cardsim, ServesTheCardUntilASignalEndsIt)
+{
+    for (const int signal : {SIGTERM, SIGINT}) {
+        insert();
+        EXPECT_EQ("3B391900534F4D414453333031", ask("04"));
+        reader.send({0x01});
+        EXPECT_EQ("9000", ask(SELECT_MASTER));
+        EXPECT_EQ("19860217350100427C9000", ask("00 CA DF 01 09"));
+        reader.send({0x02});
+        EXPECT_EQ("6A88", ask("00 CA DF 01 09"));
+        EXPECT_EQ(0, end(signal));
+        EXPECT_TRUE(reader.cardHasGone());
+    }
+}
+
+TEST_F(Cardsim, TheCardIsMadeAsTheOptionsSay)
+{
+    insert({"--old-atr", "--pin=9876", "--retries", "7", "--keys", "none,1024",
+            "--empty-certificates", "--data-object", "0102030405060708AF"});
+    EXPECT_EQ("3B771800004B4153414B4944", ask("04"));
+    EXPECT_EQ("9000", ask(SELECT_MASTER));
+    EXPECT_EQ("0102030405060708AF9000", ask("00 CA DF 01 09"));
+    EXPECT_EQ("63C6", ask(RIGHT_PIN));
+    EXPECT_EQ("9000", ask(WRONG_PIN)) << "it is the right one here";
+    EXPECT_EQ("9000", ask("00 A4 01 0C 02 01 01"));
+    EXPECT_EQ("6102", ask("00 CB 3F FF 0B 4D 09 FF A0 07 05 7F 49 02 81 00"));
+    EXPECT_EQ("618F", ask("00 CB 3F FF 0B 4D 09 FF A0 08 05 7F 49 02 81 00"));
+    EXPECT_EQ("9000", ask(SELECT_MASTER));
+    EXPECT_EQ("9000", ask("00 A4 01 0C 02 08 01"));
+    for (const char* const file : {"00 A4 02 0C 02 01 01", "00 A4 02 0C 02 01 02"}) {
+        EXPECT_EQ("9000", ask(file));
+        EXPECT_EQ("00009000", ask("00 B0 00 00 02"));
+    }
+}
+
+TEST_F(Cardsim, TakesCertificatesFromFilesInEitherForm)
+{
+    const sim::Bytes der = sim::authorityCertificate();
+    std::ofstream(path("ca.der"), std::ios::binary) << std::string(der.begin(), der.end());
+    std::ofstream(path("ca.pem")) << pemOf(der);
+    insert({"--certificate1", path("ca.der"), "--certificate2", path("ca.pem"), "--state",
+            path("state")});
+    end();
+    sim::IdCard card;
+    card.load(path("state"));
+    EXPECT_EQ(der, card.certificate(0));
+    EXPECT_EQ(der, card.certificate(1));
+}
+
+TEST_F(Cardsim, WritesEveryChangeToTheStateFileAndStartsFromIt)
+{
+    insert({"--state", path("state")});
+    EXPECT_EQ("9000", ask(SELECT_MASTER));
+    EXPECT_EQ("63C2", ask(WRONG_PIN));
+    sim::IdCard kept;
+    kept.load(path("state"));
+    EXPECT_EQ(2u, kept.retriesLeft()) << "written before the answer left";
+    EXPECT_EQ(-SIGKILL, end(SIGKILL));
+
+    insert({"--state", path("state"), "--pin", "9876"});
+    EXPECT_EQ("9000", ask(SELECT_MASTER));
+    EXPECT_EQ("63C1", ask(WRONG_PIN)) << "options do nothing to a card that exists";
+    EXPECT_EQ("9000", ask(RIGHT_PIN));
+    EXPECT_EQ("9000", ask("00 A4 01 0C 02 08 01"));
+    EXPECT_EQ("9000", ask("00 A4 02 0C 02 01 02"));
+    EXPECT_EQ("9000", ask("00 D6 00 00 02 00 00"));
+    EXPECT_EQ(0, end());
+    kept.load(path("state"));
+    EXPECT_EQ(3u, kept.retriesLeft());
+    EXPECT_EQ("0000", toHex(std::span(kept.file(1)).first(2)));
+}
+
+TEST_F(Cardsim, AStateFileThatCannotBeUsedIsExitCode4)
+{
+    std::ofstream(path("state")) << "something else";
+    EXPECT_EQ(4, run({"--state", path("state")}));
+    EXPECT_EQ("velt-cardsim: this is not the state of such a card\n", errors());
+    EXPECT_EQ(4, run({"--state", path("missing/state")}));
+    EXPECT_THAT(errors(), HasSubstr("missing/state"));
+}
+
+TEST_F(Cardsim, TheTraceHidesThePin)
+{
+    insert({"--trace"});
+    ask(SELECT_MASTER);
+    ask(WRONG_PIN);
+    ask("00 20 00 01 04 39 38 37 36");
+    EXPECT_EQ(0, end());
+    const std::string port = std::to_string(reader.port());
+    EXPECT_EQ("velt-cardsim: port " + port + ": the card is in the reader\n" + port +
+                  " > 00A4000C023F00  select the master file 3F00\n" + port + " < 9000  done\n" +
+                  port + " > 0020000208****************  verify the PIN\n" + port +
+                  " < 63C2  wrong PIN, attempts left: 2\n" + port +
+                  " > 0020000104********  verify the PIN\n" + port +
+                  " < 6A86  refused: wrong parameters\n",
+              errors());
+}
+
+TEST_F(Cardsim, WithoutTraceNoCommandIsShown)
+{
+    insert();
+    ask(SELECT_MASTER);
+    EXPECT_EQ(0, end());
+    EXPECT_THAT(errors(), Not(HasSubstr("00A4")));
+}
+
+TEST_F(Cardsim, SignalsPullTheCardOutAndPutItBack)
+{
+    insert({"--notice", path("noticed")});
+    EXPECT_EQ("9000", ask(SELECT_MASTER));
+    EXPECT_EQ("9000", ask(RIGHT_PIN));
+    EXPECT_FALSE(std::filesystem::exists(path("noticed")));
+    reader.send({0x01});
+    ask("04");
+    ask("04");
+    EXPECT_TRUE(await([&] { return std::filesystem::exists(path("noticed")); }));
+    ::kill(process, SIGUSR1);
+    EXPECT_TRUE(reader.cardHasGone());
+    EXPECT_FALSE(reader.takeCard(300)) << "it stays out";
+    EXPECT_TRUE(await([&] { return !std::filesystem::exists(path("noticed")); }));
+    ::kill(process, SIGUSR2);
+    ASSERT_TRUE(reader.takeCard());
+    EXPECT_EQ("6A88", ask("00 CA DF 01 09")) << "nothing is selected";
+    EXPECT_EQ(0, end());
+}
+
+TEST_F(Cardsim, LeavesInsteadOfAnsweringAfterTheCommandsAllowed)
+{
+    insert({"--vanish-after", "2"});
+    EXPECT_EQ("9000", ask(SELECT_MASTER));
+    EXPECT_EQ("9000", ask(RIGHT_PIN));
+    reader.send(hex(SELECT_MASTER));
+    EXPECT_TRUE(reader.cardHasGone());
+    EXPECT_FALSE(reader.takeCard(300));
+    ::kill(process, SIGUSR2);
+    ASSERT_TRUE(reader.takeCard());
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ("9000", ask(SELECT_MASTER)) << "it leaves once";
+    }
+    EXPECT_EQ(0, end());
+}
+
+TEST_F(Cardsim, ComesBackToAReaderThatWasRestarted)
+{
+    insert();
+    EXPECT_EQ("9000", ask(SELECT_MASTER));
+    reader.hangUp();
+    ASSERT_TRUE(reader.takeCard());
+    EXPECT_EQ("6A88", ask("00 CA DF 01 09")) << "power was lost";
+    EXPECT_EQ(0, end());
+}
+
+TEST_F(Cardsim, EveryReaderGetsACardOfItsOwn)
+{
+    VirtualReader second;
+    insert({"--port", std::to_string(second.port())});
+    ASSERT_TRUE(second.takeCard());
+    EXPECT_EQ("9000", ask(SELECT_MASTER));
+    EXPECT_EQ("6A88", toHex(second.exchange(hex(RIGHT_PIN)))) << "nothing is selected there";
+    EXPECT_EQ("63C2", ask(WRONG_PIN));
+    EXPECT_EQ("9000", toHex(second.exchange(hex(SELECT_MASTER))));
+    EXPECT_EQ("63C2", toHex(second.exchange(hex(WRONG_PIN))));
+    EXPECT_EQ(0, end());
+}
+
+} // namespace
