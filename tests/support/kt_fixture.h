@@ -1,0 +1,227 @@
+// A session on a scripted KAZTOKEN. Exchanges are stated and compared as in the ID card's tests.
+#pragma once
+
+#include "src/tokens/kt/kt.h"
+#include "src/tokens/kt/kt_files.h"
+#include "tests/support/idc_fixture.h"
+
+#include <functional>
+
+namespace velt_test {
+
+inline constexpr std::string_view KT_ATR = "3B 88 01 4B 41 5A 54 4F 4B 45 4E 82";
+inline constexpr std::string_view SELECT_MAP = "00 A4 08 04 06 10 00 10 10 10 10";
+inline constexpr std::string_view SELECT_MAP_FCP = "00 A4 00 04 02 10 10 FF";
+inline constexpr std::string_view SELECT_1000 = "00 A4 08 04 02 10 00";
+inline constexpr std::string_view CREATE_1010 =
+    "00 E0 00 00 1F 62 1D 82 02 38 00 80 02 00 10 83 02 10 10 86 0F 43 02 02 00 00 00 00 FF 00 00 "
+    "00 00 00 00 00";
+inline constexpr std::string_view SELECT_1010 = "00 A4 08 04 04 10 00 10 10";
+inline constexpr std::string_view DELETE_MAP = "00 E4 00 00 02 10 10";
+inline constexpr std::string_view NO_FILE = "6A 82";
+
+inline constexpr std::uint8_t RSA = 0x23; // kinds of key files
+inline constexpr std::uint8_t GOST = 0x03;
+
+// A key pair on the token.
+struct Pair {
+    std::uint8_t id;
+    std::string label;
+    std::uint8_t kind = RSA;
+    bool hasCertificate = true;
+
+    Bytes record() const { return Bytes{id} + text(label); }
+};
+
+inline Bytes mapOf(const std::vector<Pair>& pairs)
+{
+    Bytes map = hex("01 00 00 10");
+    for (const Pair& pair : pairs) {
+        map = map + pair.record() + Bytes{0x00};
+    }
+    return map;
+}
+
+// Control parameters of a file, with the kind of key at byte 12.
+inline Bytes fcp(std::size_t size, std::uint8_t kind = 0x77)
+{
+    return hex("62 11 80 02") + Bytes{std::uint8_t(size >> 8), std::uint8_t(size & 0xFF)} +
+           hex("82 02 10 00 85 06") + Bytes{kind} + hex("00 00 00 00 00");
+}
+
+inline Bytes selectDirectory(std::uint8_t directory)
+{
+    return hex("00 A4 08 04 06 10 00 10 00 60") + Bytes{directory};
+}
+inline Bytes selectFile(std::uint8_t directory, std::uint8_t id)
+{
+    return hex("00 A4 08 04 08 10 00 10 00 60") + Bytes{directory, 0x00, id};
+}
+inline Bytes selectForFcp(std::uint8_t directory, std::uint8_t id)
+{
+    return selectFile(directory, id) + Bytes{0x00};
+}
+inline Bytes createFile(std::size_t size, std::uint8_t idHigh, std::uint8_t idLow)
+{
+    return hex("00 E0 00 00 1F 62 1D 82 02 01 00 80 02") +
+           Bytes{std::uint8_t(size >> 8), std::uint8_t(size & 0xFF), 0x83, 0x02, idHigh, idLow} +
+           hex("86 0F 42 00 02 00 00 00 00 02 00 00 00 00 00 00 00");
+}
+
+// One exchange of an operation. `fails` are the messages of its failure, of which one that ends in
+// '#' carries the exchange's result; without any its failure is not looked at. `passes` is passed
+// when it succeeds.
+struct KtStep {
+    Bytes command;
+    Bytes reply;
+    std::size_t capacity = 4;
+    std::vector<std::string> fails{};
+    std::vector<std::string> passes{};
+};
+
+class KtTest : public IdcTest {
+protected:
+    void SetUp() override
+    {
+        sim::pcsc::reset();
+        sim::pcsc::plugReader("Test Reader 00");
+        card = std::make_shared<sim::ScriptedCard>(hex(KT_ATR), 2UL);
+        sim::pcsc::insertCard("Test Reader 00", card);
+        ASSERT_EQ(CKR_OK, C_Initialize(nullptr));
+        std::array<CK_SLOT_ID, 1> slots{};
+        CK_ULONG count = slots.size();
+        ASSERT_EQ(CKR_OK, VELT_GetSlotList(CK_TRUE, slots.data(), &count));
+        ASSERT_EQ(1U, count);
+        oiFlags = 0; // the opening loads nothing
+        ASSERT_EQ(CKR_OK, VELT_OpenSession(0, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr,
+                                           &session));
+        begin();
+    }
+
+    void begin()
+    {
+        start();
+        mapFile.fill(SENTINEL);
+        mapFileLen = 99;
+        for (auto& slot : tmpLabel) {
+            slot.fill(SENTINEL);
+        }
+        tmpLabelLen.fill(99);
+        tmpObjCount = 77;
+        lastID = 66;
+        hiByte = 0x55;
+        loByte = 0x55;
+        pSignMechanismKT = {};
+        hSignKeyKT = 0;
+    }
+
+    // Reading the selected file as the size that it claims to have demands it.
+    void expectFile(const Bytes& content)
+    {
+        const std::size_t blocks = content.size() / 256;
+        for (std::size_t i = 0; i < blocks; ++i) {
+            expect(Bytes{0x00, 0xB0, std::uint8_t(i), 0x00, 0x00},
+                   slice(content, i * 256, 256) + hex(OK), 258);
+        }
+        const std::size_t rest = content.size() % 256;
+        expect(Bytes{0x00, 0xB0, std::uint8_t(blocks), 0x00, std::uint8_t(rest)},
+               slice(content, blocks * 256, rest) + hex(OK), rest + 2);
+    }
+    void expectMapSelected(std::size_t size)
+    {
+        expect(hex(SELECT_MAP), hex(OK), 4);
+        expect(hex(SELECT_MAP_FCP), fcp(size) + hex(OK), 258);
+    }
+    void expectMap(const Bytes& map)
+    {
+        expectMapSelected(map.size());
+        expectFile(map);
+    }
+    void expectProbes(const Pair& pair)
+    {
+        expect(selectForFcp(0x02, pair.id), fcp(256, pair.kind) + hex(OK), 258);
+        expect(selectForFcp(0x04, pair.id), pair.hasCertificate ? fcp(300) + hex(OK) : hex(NO_FILE),
+               258);
+    }
+    void expectLoad(const std::vector<Pair>& pairs)
+    {
+        expectMap(mapOf(pairs));
+        for (const Pair& pair : pairs) {
+            expectProbes(pair);
+        }
+    }
+    CK_RV loadObjects() { return fObjectsInitKT(table, session); }
+    void load(const std::vector<Pair>& pairs)
+    {
+        expectLoad(pairs);
+        ASSERT_EQ(0U, loadObjects());
+        expectAllExchanged();
+        mark.reset();
+    }
+
+    void expectMapRewritten(const Bytes& map)
+    {
+        expect(hex(SELECT_1010), hex(OK), 4);
+        expect(hex(DELETE_MAP), hex(OK), 4);
+        expect(createFile(map.size(), 0x10, 0x10), hex(OK), 4);
+        expectUpdates(map);
+    }
+    void expectUpdates(const Bytes& content)
+    {
+        for (std::size_t done = 0; done < content.size();) {
+            const std::size_t count = std::min<std::size_t>(content.size() - done, 255);
+            expect(hex("00 D6") + bigEndian(done) + Bytes{std::uint8_t(count)} +
+                       slice(content, done, count),
+                   hex(OK));
+            done += count;
+        }
+    }
+
+    // Runs the operation once for each exchange and each way in which that can fail.
+    void failAtEach(const std::vector<KtStep>& steps, CK_RV result,
+                    const std::function<void()>& prepare, const std::function<CK_RV()>& operation)
+    {
+        for (std::size_t faulty = 0; faulty < steps.size(); ++faulty) {
+            if (steps[faulty].fails.empty()) {
+                continue;
+            }
+            for (const bool lost : {false, true}) {
+                SCOPED_TRACE(testing::Message() << "exchange " << faulty << ", lost " << lost);
+                prepare();
+                expectAllExchanged();
+                mark.reset();
+                std::vector<std::string> told;
+                for (std::size_t i = 0; i < faulty; ++i) {
+                    expect(steps[i].command, steps[i].reply, steps[i].capacity);
+                    told.insert(told.end(), steps[i].passes.begin(), steps[i].passes.end());
+                }
+                const KtStep& step = steps[faulty];
+                if (lost) {
+                    expectLost(step.command, SCARD_W_REMOVED_CARD, step.capacity);
+                } else {
+                    expect(step.command, hex("6F 00"), step.capacity);
+                }
+                const std::uint64_t number = lost ? pcscCode(SCARD_W_REMOVED_CARD) : 0x006F;
+                for (const std::string& message : step.fails) {
+                    told.push_back(message.back() == '#'
+                                       ? numbered(message.substr(0, message.size() - 1), number)
+                                       : message);
+                }
+                EXPECT_EQ(result, operation());
+                EXPECT_MESSAGES(mark, told);
+                expectAllExchanged();
+            }
+        }
+    }
+
+    static PubKeyAttr& publicKey(CK_OBJECT_HANDLE handle)
+    {
+        return *velt::publicKeyOf(velt::entryOf(handle));
+    }
+    static CertAttr& certificate(CK_OBJECT_HANDLE handle)
+    {
+        return *velt::certificateOf(velt::entryOf(handle));
+    }
+};
+
+} // namespace velt_test
