@@ -448,7 +448,7 @@ TEST_F(KtWriting, AnyObjectOfAPairTakesAllOfItAlong)
         begin();
         load({SECOND, FIRST});
         expectMapRewritten(mapOf({SECOND}));
-        for (const std::uint8_t directory : {0x01, 0x02, 0x04}) {
+        for (const std::uint8_t directory : Bytes{0x01, 0x02, 0x04}) {
             expect(selectFile(directory, 0x01), hex(OK), 4);
             expect("00 E4 00 00", OK, 4);
         }
