@@ -127,18 +127,6 @@ TEST_F(TableMemory, TheNextLoadReclaimsWhatWasRetired)
     EXPECT_EQ(before + 1, held());
 }
 
-TEST_F(TableMemory, RetiringTwoTablesReclaimsTheFirst)
-{
-    ASSERT_TRUE(velt::rebuildObjects(0));
-    const std::size_t before = held();
-    makeFiveObjects();
-    velt::retireObjects(1);
-    ASSERT_TRUE(velt::rebuildObjects(0));
-    makeFiveObjects();
-    velt::retireObjects(2);
-    EXPECT_EQ(before + 4, held());
-}
-
 TEST_F(TableMemory, FinaliseFreesAsManyBlocksAsThereAreReaders)
 {
     for (std::size_t readers = 1; readers <= 3; ++readers) {
