@@ -271,6 +271,18 @@ protected:
         sim::pcsc::clearCalls();
     }
 
+    // Ten entries, of which those at `positions` and no others are made.
+    static void expectMade(const std::vector<std::size_t>& positions)
+    {
+        ASSERT_EQ(10U, velt::objectTableSize());
+        EXPECT_EQ(positions.size(), ulObjCount);
+        for (std::size_t i = 0; i < 10; ++i) {
+            const bool made = std::ranges::find(positions, i) != positions.end();
+            EXPECT_EQ(made ? i + 1 : 0x4B5A0000, velt::entryAt(i)->handle) << i;
+            EXPECT_EQ(made, velt::entryAt(i)->attrs != nullptr) << i;
+        }
+    }
+
     static std::string line(const Bytes& command, std::size_t capacity)
     {
         return toHex(command) + " (" + std::to_string(capacity) + ")";
