@@ -148,7 +148,7 @@ TEST_F(IdcObjects, AContentOfOneByteIsNoCertificate)
     EXPECT_MESSAGES(mark, CUT_GZIP);
 }
 
-TEST_F(IdcObjects, AContentLongerThanTheBufferIsReadButNotExpanded)
+TEST_F(IdcObjects, AContentLongerThanTheBufferIsReadToItsEndButNotExpanded)
 {
     // The first of them would expand from what the buffer holds.
     const Bytes longest = gzipMemberOf(hex("30 03 02 01 05"), 4096);
@@ -160,17 +160,16 @@ TEST_F(IdcObjects, AContentLongerThanTheBufferIsReadButNotExpanded)
     EXPECT_MESSAGES(mark);
 }
 
-TEST_F(IdcObjects, TheLastBlockOfTheLongestContentHasTheHighestNumber)
+TEST_F(IdcObjects, OfTheLongestContentOnlyTheBlocksThatTheBufferHoldsAreRead)
 {
     expectAliases();
     expectCertificateFile(1);
     expectLength(0xFFFF);
     const std::string block(256 * 2, 'F');
-    for (unsigned i = 0; i < 255; ++i) {
+    for (unsigned i = 0; i < 16; ++i) {
         expect(Bytes{0x00, 0xB0, static_cast<std::uint8_t>(i), 0x02, 0x00}, hex(block) + hex(OK),
                258);
     }
-    expect(hex("00 B0 FF 02 FF"), Bytes(255) + hex(OK), 257);
     expectRestEmpty();
     EXPECT_EQ(0U, load());
     expectMade({});
@@ -295,7 +294,7 @@ TEST_F(IdcObjects, AShortLengthReplyCountsWithWhatTheReplyBufferHolds)
     expectMade({0});
     expectAllExchanged();
 
-    // No data: the status 90 00 is the length, 144 blocks.
+    // No data: the status 90 00 is the length, more than the buffer holds.
     expectAliases();
     expectCertificateFile(1);
     expect(READ_LENGTH, OK, 4);
