@@ -152,6 +152,10 @@ Server::Server(ServerSettings settings) : settings_(std::move(settings))
 
 Server::~Server()
 {
+    if (noticeGiven_) {
+        std::error_code ignored;
+        std::filesystem::remove(settings_.noticeFile, ignored);
+    }
     ::close(signals_);
 }
 

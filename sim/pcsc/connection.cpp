@@ -391,6 +391,7 @@ LONG SCardEndTransaction(SCARDHANDLE hCard, DWORD dwDisposition)
     return entry.finish(rv, [&](Call& call) { call.card = number(hCard); });
 }
 
+// The parameters are the header's. NOLINTNEXTLINE(readability-non-const-parameter)
 LONG SCardStatus(SCARDHANDLE hCard, LPSTR szReaderName, LPDWORD pcchReaderLen, LPDWORD pdwState,
                  LPDWORD pdwProtocol, LPBYTE pbAtr, LPDWORD pcbAtrLen)
 {

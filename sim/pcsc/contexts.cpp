@@ -1,6 +1,7 @@
 // Contexts, and what is asked of them alone.
 #include "sim/pcsc/world.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -85,7 +86,7 @@ LONG giveText(const std::string& text, LPSTR buffer, LPDWORD length)
         if (block == nullptr) {
             return SCARD_E_NO_MEMORY;
         }
-        std::memcpy(block, text.data(), text.size());
+        std::copy(text.begin(), text.end(), static_cast<char*>(block));
         std::memcpy(buffer, &block, sizeof block);
         return SCARD_S_SUCCESS;
     }
@@ -95,7 +96,7 @@ LONG giveText(const std::string& text, LPSTR buffer, LPDWORD length)
     if (room < text.size()) {
         return SCARD_E_INSUFFICIENT_BUFFER;
     }
-    std::memcpy(buffer, text.data(), text.size());
+    std::copy(text.begin(), text.end(), buffer);
     return SCARD_S_SUCCESS;
 }
 

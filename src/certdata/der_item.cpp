@@ -1,9 +1,10 @@
 #include "src/certdata/der_item.h"
 
+#include "src/front/lock.h"
+
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-
-#include "src/front/lock.h"
 
 namespace velt {
 
@@ -70,7 +71,12 @@ unsigned asNumber(std::uint8_t octet)
 
 [[noreturn]] void endProcess()
 {
-    // The host's exit handlers may call the module again.
+    // The host's exit handlers may call the module again, and other threads may be waiting for it;
+    // whoever meets such data while the process ends, ends it at once.
+    static std::atomic_flag ending;
+    if (ending.test_and_set()) {
+        std::_Exit(EXIT_FAILURE);
+    }
     UnLock();
     std::exit(EXIT_FAILURE);
 }

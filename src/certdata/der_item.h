@@ -1,11 +1,11 @@
 // Headers of DER items (X.690), and the malformed data that ends the process.
 #pragma once
 
+#include "src/core/bytes.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
-
-#include "src/core/bytes.h"
 
 namespace velt {
 

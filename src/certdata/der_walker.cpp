@@ -1,8 +1,8 @@
 #include "src/certdata/der_walker.h"
 
-#include <charconv>
-
 #include "src/certdata/der_item.h"
+
+#include <charconv>
 
 std::array<std::uint8_t, 64> ucSN;
 std::int32_t snLen;
@@ -48,7 +48,7 @@ constexpr std::int64_t MAX_IDENTIFIER = 32;
 constexpr std::size_t ATTRIBUTE_DIGIT = 6; // in "2.5.4.n" the position of n
 constexpr char EMAIL_ADDRESS[] = "1.2.840.113549.1.9.1";
 
-constexpr std::int64_t MIN_WALKED_BITS = 5; // octets of a BIT STRING that may hold an item
+constexpr std::int64_t MIN_WALKED_OCTETS = 5; // octets of a BIT STRING that may hold an item
 constexpr std::int32_t MAX_PEEKED_TAG = 49;
 
 // A nested run lies behind a header of two octets at least, and a header that ends the encoding
@@ -121,7 +121,8 @@ void keepName(const DerItem& item, ByteView content)
     }
 }
 
-// A one-byte INTEGER before another one is the version before the serial number.
+// A one-byte INTEGER before another one is the version before the serial number. Kept: wherever it
+// stands.
 void keepInteger(const DerItem& item, ByteView content, std::uint8_t following)
 {
     if (cIndex == AT_SERIAL) {
@@ -165,6 +166,7 @@ void keepIdentifier(ByteView content)
     lastOID[used] = '\0';
 }
 
+// Kept: one character decides where more would, so 2.5.4.100 and 2.5.4.420 count as well.
 bool isNameAttribute()
 {
     if (lastOID[0] != '2' || lastOID[2] != '5' || lastOID[4] != '4') {
@@ -347,7 +349,7 @@ bool walkPrimitive(const DerInput& input, const DerItem& item)
     if (universal && item.tag == velt::DER_OCTET_STRING) {
         return walkContents(input, item.length);
     }
-    if (universal && item.tag == velt::DER_BIT_STRING && item.length - 1 >= MIN_WALKED_BITS) {
+    if (universal && item.tag == velt::DER_BIT_STRING && item.length - 1 >= MIN_WALKED_OCTETS) {
         advance(1); // the count of unused bits
         return walkContents(input, item.length - 1);
     }

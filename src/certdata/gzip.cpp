@@ -1,12 +1,12 @@
 #include "src/certdata/gzip.h"
 
+#include "src/front/debug.h"
+
 #include <array>
 #include <span>
 
 #define ZLIB_CONST
 #include <zlib.h>
-
-#include "src/front/debug.h"
 
 namespace {
 

@@ -26,8 +26,8 @@ std::array<std::uint8_t, velt::COMMAND_SIZE> commandBuffer{};
 
 enum class Answer { Success, MoreData, Failure };
 
-// Kept: SW1 is tested by bits, so that beside 61 also 63, 65, 71, 73, 75 and E1 to F5 of that
-// pattern fetch more data.
+// Kept: SW1 is tested by bits, so that beside 61 also 63, 65, 71, 73, 75, E1, E3, E5, F1, F3 and F5
+// fetch more data.
 Answer judge(std::uint16_t status) noexcept
 {
     const std::uint8_t sw1 = lowByte(status);
@@ -49,10 +49,10 @@ std::uint64_t transmit(const SessionEntry& session, velt::ByteView command) noex
     dwReplyLen = std::min<std::uint64_t>(dwReplyLen, OUTPUT_SIZE);
     const LONG sent = VELTSCSendCmd(session.hCard, command.data(), command.size(), pbyOutput.data(),
                                     &dwReplyLen, session.pioSendPci);
+    dwReplyLen = std::min<std::uint64_t>(dwReplyLen, OUTPUT_SIZE); // a failure may tell the need
     if (sent != SCARD_S_SUCCESS) {
         return static_cast<std::uint64_t>(sent);
     }
-    dwReplyLen = std::min<std::uint64_t>(dwReplyLen, OUTPUT_SIZE);
     return dwReplyLen < STATUS_SIZE ? std::uint64_t{SCARD_E_PROTO_MISMATCH} : 0;
 }
 

@@ -119,18 +119,6 @@ void identifyCard(ReaderEntry& reader, std::size_t position) noexcept
     }
 }
 
-void freeTable() noexcept
-{
-    for (ReaderEntry& reader : std::span(VELTCardReaders, tableEntries)) {
-        std::free(reader.pvUserData);
-    }
-    std::free(VELTCardReaders);
-    VELTCardReaders = nullptr;
-    tableEntries = 0;
-    std::free(retiredNames);
-    retiredNames = nullptr;
-}
-
 // Asks for the pseudo-reader's state in rgReaderStates; the result code does not matter.
 void queryPseudoReader(DWORD timeout) noexcept
 {
@@ -164,7 +152,7 @@ void forEachName(std::string_view names, Each each) noexcept
 {
     while (!names.empty() && names.front() != '\0') {
         each(names.data());
-        names.remove_prefix(std::min(names.find('\0') + 1, names.size()));
+        names.remove_prefix(std::min(names.find('\0'), names.size() - 1) + 1);
     }
 }
 
@@ -271,7 +259,7 @@ std::int32_t VELT_UpdateSlotsStates() noexcept
     note("UpdateSlotsStates 1");
     rCount = 0;
     rwtCount = 0;
-    freeTable();
+    velt::freeReaders();
     DWORD length = 0;
     if (pnp == 1) {
         queryPseudoReader(READER_CHANGE_WAIT_MS);
@@ -371,17 +359,22 @@ bool isReaderOrPseudoSlot(CK_SLOT_ID slotID) noexcept
 
 void retireReaderNames() noexcept
 {
-    if (pmszReaders == nullptr) {
-        return;
+    if (pmszReaders != nullptr) {
+        retiredNames = pmszReaders; // none are retired yet: the refresh that made these saw to it
+        pmszReaders = nullptr;
     }
-    std::free(retiredNames);
-    retiredNames = pmszReaders;
-    pmszReaders = nullptr;
 }
 
 void freeReaders() noexcept
 {
-    freeTable();
+    for (ReaderEntry& reader : std::span(VELTCardReaders, tableEntries)) {
+        std::free(reader.pvUserData);
+    }
+    std::free(VELTCardReaders);
+    VELTCardReaders = nullptr;
+    tableEntries = 0;
+    std::free(retiredNames);
+    retiredNames = nullptr;
 }
 
 } // namespace velt

@@ -59,7 +59,7 @@ bool isReaderOrPseudoSlot(CK_SLOT_ID slotID) noexcept;
 // C_Finalize, first half: the names leave pmszReaders but stay readable through the table.
 void retireReaderNames() noexcept;
 
-// C_Finalize, second half: frees the table, its records and the names. rCount stays.
+// Frees the table, its records and retired names. rCount stays.
 void freeReaders() noexcept;
 
 } // namespace velt

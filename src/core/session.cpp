@@ -69,7 +69,7 @@ SessionEntry* addEntry() noexcept
     }
     VELTSessions = static_cast<SessionEntry*>(grown);
     if (position == 1) {
-        VELTSessions[0] = {};
+        VELTSessions[0] = {}; // never used, so that a handle is its position until C_Finalize
     }
     ++sessCount;
     return &VELTSessions[position];

@@ -62,7 +62,8 @@ void VELT_PKCS11_DebugD(const char* message, std::uint32_t kind, std::uint64_t v
     errno = hostError;
 }
 
-void VELT_PKCS11_CloseDebug() noexcept
+// Also when the library is unloaded.
+[[gnu::destructor]] void VELT_PKCS11_CloseDebug() noexcept
 {
     const int file = logFile.exchange(NO_LOG);
     if (file != NO_LOG) {

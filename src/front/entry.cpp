@@ -32,16 +32,19 @@ CK_RV enter(const char* name, CK_RV (*operation)(Parameters...) noexcept,
         return CKR_CRYPTOKI_NOT_INITIALIZED;
     }
     const LockHolder lock;
+    if (!isInitialised()) { // finalised while this call waited
+        return CKR_CRYPTOKI_NOT_INITIALIZED;
+    }
     return operation(arguments...);
 }
 
-// False: PC/SC keeps the context, and the module stays as it is.
+// False: PC/SC keeps the context; the tables then stay, too.
 bool releaseContext() noexcept
 {
     return hSC == 0 || SCardReleaseContext(hSC) == SCARD_S_SUCCESS;
 }
 
-// Kept: blocks are freed for as many objects as there are readers, not objects.
+// Kept: counted by readers, not by objects; the other blocks are held until the next load.
 std::size_t blocksFreedAtFinalise() noexcept
 {
     return rCount > 0 ? static_cast<std::size_t>(rCount) : 0;
@@ -82,6 +85,9 @@ CK_RV C_Initialize(void* /*pInitArgs*/)
         return CKR_CRYPTOKI_ALREADY_INITIALIZED;
     }
     const LockHolder lock;
+    if (isInitialised()) { // by another thread while this one waited
+        return CKR_CRYPTOKI_ALREADY_INITIALIZED;
+    }
     velt::setInitialised(true);
     hSC = 0;
     oiFlags = RELOAD_OBJECTS;
@@ -98,7 +104,7 @@ CK_RV C_Finalize(void* pReserved)
         return CKR_ARGUMENTS_BAD;
     }
     const LockHolder lock;
-    return finaliseLocked();
+    return isInitialised() ? finaliseLocked() : CKR_CRYPTOKI_NOT_INITIALIZED;
 }
 
 CK_RV C_GetInfo(CK_INFO* pInfo)

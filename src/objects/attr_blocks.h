@@ -23,7 +23,8 @@ struct CertAttr {
     std::uint8_t trusted;
     std::uint64_t category;
     std::uint8_t blankText[CERT_TEXT_SIZE];
-    std::uint8_t startDate[DATE_SIZE]; // see storeCertificate() for the order of its digits
+    std::uint8_t
+        startDate[DATE_SIZE]; // see velt::storeCertificateFields() for the order of its digits
     std::uint8_t endDate[DATE_SIZE];
     std::uint8_t value[CERT_VALUE_SIZE]; // DER certificate
     std::uint64_t valueLen;

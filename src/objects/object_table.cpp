@@ -3,6 +3,7 @@
 #include "src/core/token_driver.h"
 #include "src/front/debug.h"
 #include "src/front/state.h"
+#include "src/objects/search.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -16,7 +17,7 @@ namespace {
 
 using EntryView = std::span<ObjectEntry>;
 
-std::size_t tableSize = 0; // entries allocated at VELTObj; means nothing while that is NULL
+std::size_t tableSize = 0; // entries allocated at VELTObj
 EntryView retired;         // the table that C_Finalize dropped, while it still owns blocks
 
 EntryView table() noexcept
@@ -137,6 +138,9 @@ bool rebuildObjects(std::size_t entries) noexcept
     ulObjCount = 0;
     if (entries == 0) {
         return true; // a token without objects has no table
+    }
+    if (!coverPositions(entries)) {
+        return false;
     }
     VELTObj = static_cast<ObjectEntry*>(std::calloc(entries, sizeof(ObjectEntry)));
     if (VELTObj == nullptr) {

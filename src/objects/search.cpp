@@ -6,6 +6,7 @@
 #include "src/core/token_driver.h"
 #include "src/front/debug.h"
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 
@@ -24,27 +25,11 @@ constexpr CK_ATTRIBUTE_TYPE CERT_FIELDS[] = {CKA_ISSUER, CKA_SUBJECT, CKA_VALUE,
 
 // One bit a table position: its handle was handed out by this search. Positions rather than a list
 // of handles, so that a step costs the same however many were handed out before.
+// The building of a table makes room for them, so that a step allocates nothing.
 constexpr std::size_t WORD_BITS = 64;
-std::uint64_t* handedOut = nullptr;
-std::size_t handedOutWords = 0;
-
-// Makes room for the table's positions; what is marked stays marked. False: out of memory, and
-// nothing has changed.
-bool coverTable() noexcept
-{
-    const std::size_t words = (velt::objectTableSize() + WORD_BITS - 1) / WORD_BITS;
-    if (words <= handedOutWords) {
-        return true;
-    }
-    void* room = std::realloc(handedOut, words * sizeof(std::uint64_t));
-    if (room == nullptr) {
-        return false;
-    }
-    handedOut = static_cast<std::uint64_t*>(room);
-    std::fill(handedOut + handedOutWords, handedOut + words, std::uint64_t{0});
-    handedOutWords = words;
-    return true;
-}
+std::array<std::uint64_t, 16> firstMarks{}; // enough for every token that exists
+std::uint64_t* handedOut = firstMarks.data();
+std::size_t handedOutWords = firstMarks.size();
 
 bool wasHandedOut(std::uint64_t position) noexcept
 {
@@ -54,6 +39,15 @@ bool wasHandedOut(std::uint64_t position) noexcept
 void markHandedOut(std::uint64_t position) noexcept
 {
     handedOut[position / WORD_BITS] |= std::uint64_t{1} << (position % WORD_BITS);
+}
+
+void releaseMarks() noexcept
+{
+    if (handedOut != firstMarks.data()) {
+        std::free(handedOut);
+    }
+    handedOut = firstMarks.data();
+    handedOutWords = firstMarks.size();
 }
 
 void forgetHandedOut() noexcept
@@ -355,7 +349,7 @@ CK_RV VELT_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE* pTemplate,
     default: // Kept: any other failure searches what there is
         break;
     }
-    if (!coverTable()) {
+    if (!velt::coverPositions(velt::objectTableSize())) {
         return CKR_HOST_MEMORY;
     }
     forgetHandedOut();
@@ -371,9 +365,6 @@ CK_RV VELT_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE* phObject,
     }
     if (phObject == nullptr || pulObjectCount == nullptr) {
         return velt::report("FindObjects CKR_ARGUMENTS_BAD", CKR_ARGUMENTS_BAD);
-    }
-    if (!coverTable()) {
-        return CKR_HOST_MEMORY;
     }
     const std::uint64_t found = handOut(hSession, phObject, ulMaxObjectCount);
     *pulObjectCount = found;
@@ -395,10 +386,25 @@ CK_RV VELT_FindObjectsFinal(CK_SESSION_HANDLE hSession) noexcept
         return velt::report("FindObjectsFinal CKR_SESSION_CLOSED", CKR_SESSION_CLOSED);
     }
     freeTemplate();
-    std::free(handedOut);
-    handedOut = nullptr;
-    handedOutWords = 0;
+    releaseMarks();
     ulTCount = 0;
     bFindInit = 0;
     return velt::report("FindObjectsFinal CKR_OK", CKR_OK);
+}
+
+bool velt::coverPositions(std::size_t positions) noexcept
+{
+    const std::size_t words = (positions + WORD_BITS - 1) / WORD_BITS;
+    if (words <= handedOutWords) {
+        return true;
+    }
+    auto* room = static_cast<std::uint64_t*>(std::calloc(words, sizeof(std::uint64_t)));
+    if (room == nullptr) {
+        return false;
+    }
+    std::copy(handedOut, handedOut + handedOutWords, room);
+    releaseMarks();
+    handedOut = room;
+    handedOutWords = words;
+    return true;
 }

@@ -4,6 +4,7 @@
 #include "src/front/pkcs11.h"
 #include "src/objects/object_table.h"
 
+#include <cstddef>
 #include <cstdint>
 
 extern ObjectEntry* pTempl;     // the search template; NULL when there is none
@@ -16,3 +17,11 @@ CK_RV VELT_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE* pTemplate,
 CK_RV VELT_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE* phObject,
                        CK_ULONG ulMaxObjectCount, CK_ULONG* pulObjectCount) noexcept;
 CK_RV VELT_FindObjectsFinal(CK_SESSION_HANDLE hSession) noexcept;
+
+namespace velt {
+
+// Makes room for marking as many positions of the object table as handed out; what is marked stays
+// marked. False: out of memory, and nothing has changed.
+bool coverPositions(std::size_t positions) noexcept;
+
+} // namespace velt

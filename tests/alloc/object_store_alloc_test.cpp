@@ -226,37 +226,49 @@ TEST_F(SearchMemory, WithoutMemoryForCertificateFieldsTheSearchDoesNotStart)
     EXPECT_EQ((Handles{1, 4}), find(certificates().add(CKA_ISSUER, {0x30, 0x02})));
 }
 
-TEST_F(SearchMemory, WithoutMemoryForItsMarksTheSearchDoesNotStart)
+TEST_F(SearchMemory, WithoutMemoryForItsMarksATableIsNotBuilt)
 {
     makeMixedTable();
-    Template search = certificates();
     {
-        const FailingAllocation failing(2);
-        EXPECT_EQ(CKR_HOST_MEMORY, init(search));
+        const FailingAllocation failing(1);
+        EXPECT_FALSE(velt::rebuildObjects(2000));
     }
-    EXPECT_EQ(0, bFindInit);
+    EXPECT_EQ(nullptr, VELTObj);
+    EXPECT_EQ(0U, velt::objectTableSize());
+    makeMixedTable();
     EXPECT_EQ((Handles{1, 4, 5, 6}), find(certificates()));
 }
 
-TEST_F(SearchMemory, WithoutMemoryForMoreMarksAStepHandsOutNothing)
+TEST_F(SearchMemory, WithoutMemoryForItsMarksASearchOfALargeTableDoesNotStart)
+{
+    makeTable(2000);
+    ASSERT_EQ(CKR_OK, init(empty()));
+    ASSERT_EQ(CKR_OK, VELT_FindObjectsFinal(session()));
+    Template all = empty();
+    {
+        const FailingAllocation failing(2); // the first is the template's
+        EXPECT_EQ(CKR_HOST_MEMORY, init(all));
+    }
+    EXPECT_EQ(0, bFindInit);
+    EXPECT_EQ(Handles{}, find(empty()));
+}
+
+TEST_F(SearchMemory, AStepAllocatesNothingForATableThatHasGrown)
 {
     makeMixedTable();
     ASSERT_EQ(CKR_OK, init(empty()));
     EXPECT_EQ((Handles{1, 2, 3}), next(3, 3));
-    makeTable(200);
-    for (int i = 0; i < 200; ++i) {
+    makeTable(2000);
+    for (int i = 0; i < 2000; ++i) {
         addPublicKey();
     }
-    CK_OBJECT_HANDLE handle = SENTINEL;
-    CK_ULONG count = SENTINEL;
-    {
-        const FailingAllocation failing(1);
-        EXPECT_EQ(CKR_HOST_MEMORY, VELT_FindObjects(session(), &handle, 1, &count));
-    }
-    EXPECT_EQ(SENTINEL, handle);
-    EXPECT_EQ(SENTINEL, count);
-    EXPECT_EQ(3U, tObjCount);
-    EXPECT_EQ(197U, next(0, 200).size());
+    Handles handles(2000);
+    CK_ULONG count = 0;
+    const std::size_t before = asked();
+    EXPECT_EQ(CKR_OK, VELT_FindObjects(session(), handles.data(), 2000, &count));
+    EXPECT_EQ(before, asked());
+    EXPECT_EQ(1997U, count);
+    EXPECT_EQ(4U, handles[0]);
 }
 
 TEST_F(SearchMemory, AStepAllocatesNothing)

@@ -143,6 +143,19 @@ TEST_F(SessionsFresh, BeforeAnyListingSlot0IsEmptyAndTheOthersAreNone)
     EXPECT_EQ(0U, pcsc::callCount());
 }
 
+TEST_F(Sessions, WithoutReadersSlot0IsEmptyAndTheOthersAreNone)
+{
+    pcsc::unplugReader(READER);
+    for (const bool running : {true, false}) { // no table, or one of the pseudo-reader alone
+        pcsc::setServiceRunning(running);
+        refresh();
+        expectNoSession(CKR_TOKEN_NOT_PRESENT, 0);
+        expectNoSession(CKR_SLOT_ID_INVALID, 1);
+        EXPECT_RV(CKR_OK, p11.C_CloseAllSessions(0));
+        EXPECT_RV(CKR_SLOT_ID_INVALID, p11.C_CloseAllSessions(1));
+    }
+}
+
 class FailedConnect : public Sessions, public ::testing::WithParamInterface<LONG> {};
 
 TEST_P(FailedConnect, LeavesNoSessionAndTakesNoHandle)

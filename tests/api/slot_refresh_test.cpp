@@ -219,6 +219,32 @@ TEST_F(SlotTest, AFailedListingForgetsTheSlotsOfTheOneBefore)
     EXPECT_EQ(firstSlots(1), slots(CK_TRUE));
 }
 
+TEST_F(SlotTest, BehindAFailedListingSlot0StillNamesTheOldReader)
+{
+    plug(READER, refusingCard(ID_CARD));
+    refresh();
+    EXPECT_RV(CKR_OK, list.C_SetSCContext(0));
+    pcsc::failNth(Function::EstablishContext, 1, SCARD_E_NO_SERVICE);
+    CK_ULONG count = 0;
+    EXPECT_RV(CKR_FUNCTION_FAILED, p11.C_GetSlotList(CK_FALSE, nullptr, &count));
+
+    CK_MECHANISM_INFO mechanism{};
+    EXPECT_RV(CKR_SLOT_ID_INVALID, p11.C_GetMechanismInfo(0, CKM_RSA_PKCS, &mechanism));
+    CK_TOKEN_INFO token{};
+    EXPECT_RV(CKR_SLOT_ID_INVALID, p11.C_GetTokenInfo(0, &token));
+    CK_SESSION_HANDLE session = NO_HANDLE;
+    const MessageMark mark;
+    EXPECT_RV(CKR_DEVICE_ERROR, p11.C_OpenSession(0, READ_WRITE, nullptr, nullptr, &session));
+    EXPECT_MESSAGES(mark, "C_OpenSession", "OpenSession TokenID = 0x1",
+                    "OpenSession CKR_DEVICE_ERROR SCardConnect err: 0x80100003");
+    EXPECT_RV(CKR_SLOT_ID_INVALID, p11.C_OpenSession(1, READ_WRITE, nullptr, nullptr, &session));
+    EXPECT_EQ(NO_HANDLE, session);
+    const auto connects = pcsc::calls(Function::Connect);
+    ASSERT_EQ(1U, connects.size());
+    EXPECT_EQ(READER, connects[0].reader);
+    EXPECT_EQ(0U, connects[0].context);
+}
+
 TEST_F(SlotTest, AFailingStatusQueryLeavesReadersListedByPositionWithoutCards)
 {
     plug(READER, refusingCard(ID_CARD));

@@ -217,8 +217,10 @@ protected:
     {
         expect(hex(READ_LENGTH), bigEndian(length) + hex(OK), 4);
     }
-    void expectContent(const Bytes& content)
+    // As far as the certificate buffer reaches.
+    void expectContent(const Bytes& whole)
     {
+        const Bytes content = slice(whole, 0, std::min<std::size_t>(whole.size(), 4096));
         for (std::size_t done = 0; done < content.size();) {
             const std::size_t piece = std::min<std::size_t>(content.size() - done, 256);
             expect(readCommand(done / 256, piece), slice(content, done, piece) + hex(OK),
@@ -269,6 +271,18 @@ protected:
         EXPECT_EQ(expected, sent) << sim::pcsc::describeCalls();
         expected.clear();
         sim::pcsc::clearCalls();
+    }
+
+    // Ten entries, of which those at `positions` and no others are made.
+    static void expectMade(const std::vector<std::size_t>& positions)
+    {
+        ASSERT_EQ(10U, velt::objectTableSize());
+        EXPECT_EQ(positions.size(), ulObjCount);
+        for (std::size_t i = 0; i < 10; ++i) {
+            const bool made = std::ranges::find(positions, i) != positions.end();
+            EXPECT_EQ(made ? i + 1 : 0x4B5A0000, velt::entryAt(i)->handle) << i;
+            EXPECT_EQ(made, velt::entryAt(i)->attrs != nullptr) << i;
+        }
     }
 
     static std::string line(const Bytes& command, std::size_t capacity)

@@ -310,7 +310,12 @@ TEST_F(Cardsim, SignalsPullTheCardOutAndPutItBack)
     ::kill(process, SIGUSR2);
     ASSERT_TRUE(reader.takeCard());
     EXPECT_EQ("6A88", ask("00 CA DF 01 09")) << "nothing is selected";
+    reader.send({0x01});
+    ask("04");
+    ask("04");
+    EXPECT_TRUE(await([&] { return std::filesystem::exists(path("noticed")); }));
     EXPECT_EQ(0, end());
+    EXPECT_FALSE(std::filesystem::exists(path("noticed")));
 }
 
 TEST_F(Cardsim, LeavesInsteadOfAnsweringAfterTheCommandsAllowed)

@@ -55,6 +55,7 @@ std::uint64_t VELT_SetAliasesIDC(CK_SESSION_HANDLE hSession) noexcept
     if (exchange(hSession, IDC_GET_ALIAS_NUMBER, IDC_REPLY_ALIAS_NUMBER) != 0) {
         return NO_NUMBER;
     }
+    // Kept: behind a short reply the bytes of earlier ones count.
     const ByteView number = ByteView{pbyOutput}.first(ALIAS_NUMBER_SIZE);
     composeAlias(Alias1, ALIAS_1_PREFIX, number);
     composeAlias(Alias2, ALIAS_2_PREFIX, number);
@@ -81,6 +82,7 @@ std::uint64_t VELT_WriteAliasIDC(CK_SESSION_HANDLE hSession, std::uint8_t keyId)
     if (result != 0) {
         return report("IDCard WriteAlias 3 APDU error ", result, std::uint64_t{3});
     }
+    // Kept: with the capacity that the last reply left.
     result = exchangeAsIs(hSession, idcWriteLength(0));
     if (result != 0) {
         return report("IDCard WriteAlias 4 APDU error ", result, std::uint64_t{4});

@@ -44,7 +44,7 @@ std::uint64_t verifyPin(CK_SESSION_HANDLE hSession, ByteView pin) noexcept
 CK_RV fLoginIDC(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession, CK_UTF8CHAR* pPin,
                 CK_ULONG ulPinLen) noexcept
 {
-    velt::exchange(hSession, IDC_SELECT_MF, IDC_REPLY_STATUS); // the PIN decides
+    velt::exchange(hSession, IDC_SELECT_MF, IDC_REPLY_STATUS); // Kept: the PIN decides
     velt::fill(ByteRoom{pbyOutput}.first(IDC_REPLY_BLOCK), 0);
     const std::uint64_t result = verifyPin(hSession, {pPin, ulPinLen});
     switch (result) {

@@ -41,7 +41,8 @@ void makeEntry(std::size_t position, CK_OBJECT_CLASS objClass, const IdcKeyPair&
     ++ulObjCount;
 }
 
-// Length of the certificate file's content; 0 also when it cannot be read.
+// Length of the certificate file's content; 0 also when it cannot be read. Kept: behind a short
+// reply the bytes of earlier ones count.
 std::size_t readLength(CK_SESSION_HANDLE hSession) noexcept
 {
     if (exchange(hSession, IDC_READ_LENGTH, IDC_REPLY_LENGTH) != 0) {
@@ -56,7 +57,7 @@ void storeReply(ByteRoom content, std::size_t place) noexcept
     velt::copyBounded(content.subspan(std::min(place, content.size())), velt::replyData());
 }
 
-// Reads the whole content, whatever of it the buffer holds. False: the card refused a block.
+// Reads `length` bytes of the content. False: the card refused a block.
 bool readContent(CK_SESSION_HANDLE hSession, std::size_t length, ByteRoom content) noexcept
 {
     const std::uint8_t blocks = velt::highByte(length);
@@ -101,7 +102,7 @@ CK_RV addStored(const IdcKeyPair& pair, ByteView content) noexcept
 
 CK_RV loadCertificate(CK_SESSION_HANDLE hSession, const IdcKeyPair& pair) noexcept
 {
-    exchange(hSession, IDC_SELECT_MF, IDC_REPLY_STATUS); // the next SELECT tells
+    exchange(hSession, IDC_SELECT_MF, IDC_REPLY_STATUS); // Kept: the next SELECT tells
     if (exchange(hSession, IDC_SELECT_CERTIFICATES, IDC_REPLY_STATUS) != 0 ||
         exchange(hSession, pair.selectCertificate, IDC_REPLY_STATUS) != 0) {
         return LOAD_CARD_FAILURE;
@@ -111,11 +112,11 @@ CK_RV loadCertificate(CK_SESSION_HANDLE hSession, const IdcKeyPair& pair) noexce
         return LOAD_DONE;
     }
     std::array<std::uint8_t, CERT_VALUE_SIZE> content{};
-    if (!readContent(hSession, length, content)) {
+    if (!readContent(hSession, std::min(length, content.size()), content)) {
         return LOAD_CARD_FAILURE;
     }
     if (length > content.size()) {
-        return LOAD_DONE; // a cut gzip member cannot be expanded
+        return LOAD_DONE; // Kept: not tried, although a member that ends within could be expanded.
     }
     return addStored(pair, ByteView{content}.first(length));
 }
@@ -148,6 +149,7 @@ CK_RV addPrivateKey(const IdcKeyPair& pair) noexcept
 
 CK_RV loadKeys(CK_SESSION_HANDLE hSession, const IdcKeyPair& pair) noexcept
 {
+    // Kept: neither SELECT decides, and the reply's capacity is the length of the last one's.
     exchange(hSession, IDC_SELECT_MF, IDC_REPLY_STATUS);
     exchange(hSession, IDC_SELECT_KEYS, IDC_REPLY_STATUS);
     const std::uint64_t result = velt::exchangeAsIs(hSession, idcGetPublicKey(pair.publicKey));

@@ -19,7 +19,7 @@ namespace {
 // Has the card sign; the signature is then the last reply's data.
 CK_RV signOnCard(CK_SESSION_HANDLE hSession, std::uint8_t keyId, ByteView data) noexcept
 {
-    exchange(hSession, IDC_SELECT_MF, IDC_REPLY_STATUS); // the next SELECT tells
+    exchange(hSession, IDC_SELECT_MF, IDC_REPLY_STATUS); // Kept: the next SELECT tells
     std::uint64_t result = exchange(hSession, IDC_SELECT_KEYS, IDC_REPLY_STATUS);
     // Kept: a card without the key directory is asked to sign all the same.
     if (result != 0 && result != IDC_SW_FILE_NOT_FOUND) {

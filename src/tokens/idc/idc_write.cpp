@@ -96,7 +96,7 @@ CK_RV writeCertificate(CK_SESSION_HANDLE hSession, const IdcKeyPair* pair, ByteV
     if (result != 0) {
         return report("IDCard CreateObject 2 APDU error ", result, CKR_FUNCTION_FAILED);
     }
-    if (pair == nullptr) { // four attributes, but none of them the ID
+    if (pair == nullptr) { // Kept: four attributes, none of them the ID, are refused only here
         return report("IDCard CreateObject CKR_TEMPLATE_INCOMPLETE", CKR_TEMPLATE_INCOMPLETE);
     }
     result = exchange(hSession, pair->selectCertificate, IDC_REPLY_STATUS);
