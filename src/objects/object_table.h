@@ -16,6 +16,7 @@ inline constexpr std::size_t ID_SIZE = 64;
 // The code that a driver writes into its entries; the object store never reads it.
 inline constexpr std::uint64_t FAMILY_CODE_IDC = 1;
 inline constexpr std::uint64_t FAMILY_CODE_KT = 3;
+inline constexpr std::uint64_t FAMILY_CODE_JC = 4; // Kept: the eToken 72K's entries have it, too.
 
 struct ObjectEntry {
     std::uint64_t handle; // position + 1, or REMOVED_MARKER
