@@ -1,43 +1,14 @@
 // Templates for the ID card, and what writing sends.
 #pragma once
 
-#include "tests/support/idc_certificates.h"
-#include "tests/support/idc_fixture.h"
-
-#include <cstring>
-#include <stdexcept>
+#include "tests/support/certificate_templates.h"
 
 namespace velt_test {
 
-// A template attribute whose value lives in the object, in memory of exactly its size.
-struct Attribute {
-    CK_ATTRIBUTE_TYPE type;
-    Bytes content;
-};
-
 class IdcWriting : public IdcTest {
 protected:
-    static Bytes number(std::uint64_t value)
-    {
-        Bytes bytes(sizeof value);
-        std::memcpy(bytes.data(), &value, sizeof value);
-        return bytes;
-    }
-
-    static Attribute classIs(std::uint64_t objClass) { return {CKA_CLASS, number(objClass)}; }
-    static Attribute onToken(std::uint8_t flag) { return {CKA_TOKEN, {flag}}; }
     static Attribute id(std::uint8_t keyId) { return {CKA_ID, {keyId}}; }
     static Attribute der(const Bytes& content) { return {CKA_VALUE, content}; }
-
-    static std::vector<CK_ATTRIBUTE> asTemplate(std::vector<Attribute>& attributes)
-    {
-        std::vector<CK_ATTRIBUTE> rows;
-        for (Attribute& attribute : attributes) {
-            attribute.content.shrink_to_fit();
-            rows.push_back({attribute.type, attribute.content.data(), attribute.content.size()});
-        }
-        return rows;
-    }
 
     CK_RV create(std::vector<CK_ATTRIBUTE> rows)
     {
@@ -116,19 +87,6 @@ protected:
         expectCertificateFile(keyPair);
         expect(hex("00 D6 00 00 02") + bigEndian(member.size()), hex(OK));
         expectWritten(member, 2);
-    }
-
-    // Content of which gzip makes exactly `size` bytes.
-    static Bytes contentCompressingTo(std::size_t size)
-    {
-        const Bytes noise = pattern(size);
-        for (std::size_t count = size < 64 ? 0 : size - 64; count <= size; ++count) {
-            const Bytes content = slice(noise, 0, count);
-            if (gzipMember(content).size() == size) {
-                return content;
-            }
-        }
-        throw std::logic_error("no content gives this size");
     }
 
     CK_OBJECT_HANDLE handle = 0;

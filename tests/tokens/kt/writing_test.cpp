@@ -1,39 +1,19 @@
 // What changes the KAZTOKEN: the map file, certificates, new key pairs and destroyed ones.
-#include "tests/support/idc_certificates.h"
+#include "tests/support/certificate_templates.h"
 #include "tests/support/kt_fixture.h"
-
-#include <cstring>
 
 using namespace velt_test;
 
 namespace {
-
-struct Attribute {
-    CK_ATTRIBUTE_TYPE type;
-    Bytes content;
-};
 
 const Pair FIRST{0x01, "first"};
 const Pair SECOND{0x02, "second", RSA, false};
 
 class KtWriting : public KtTest {
 protected:
-    static Bytes number(std::uint64_t value)
-    {
-        Bytes bytes(sizeof value);
-        std::memcpy(bytes.data(), &value, sizeof value);
-        return bytes;
-    }
-    static Attribute certificateClass() { return {CKA_CLASS, number(1)}; }
-    static Attribute onToken() { return {CKA_TOKEN, {1}}; }
-
     CK_RV create(std::vector<Attribute> attributes)
     {
-        std::vector<CK_ATTRIBUTE> rows;
-        for (Attribute& attribute : attributes) {
-            attribute.content.shrink_to_fit();
-            rows.push_back({attribute.type, attribute.content.data(), attribute.content.size()});
-        }
+        auto rows = asTemplate(attributes);
         CK_OBJECT_HANDLE handle = 4711;
         const CK_RV result = fCreateObjectKT(table, session, rows.data(), rows.size(), &handle);
         EXPECT_EQ(4711U, handle); // not told
@@ -41,7 +21,7 @@ protected:
     }
     CK_RV createFor(std::uint8_t id, const Bytes& value)
     {
-        return create({certificateClass(), onToken(), {CKA_VALUE, value}, {CKA_ID, {id}}});
+        return create({classIs(CKO_CERTIFICATE), onToken(1), {CKA_VALUE, value}, {CKA_ID, {id}}});
     }
 
     void expectCertificateWritten(std::uint8_t id, const Bytes& stored,
@@ -52,18 +32,6 @@ protected:
         expect(hex("00 E4 00 00 02 00") + Bytes{id}, hex(selected), 4);
         expect(createFile(stored.size(), 0x00, id), hex(OK), 4);
         expectUpdates(stored);
-    }
-
-    static Bytes contentCompressingTo(std::size_t size)
-    {
-        const Bytes noise = pattern(size);
-        for (std::size_t count = size - 64; count <= size; ++count) {
-            const Bytes content = slice(noise, 0, count);
-            if (gzipMember(content).size() == size) {
-                return content;
-            }
-        }
-        throw std::logic_error("no content gives this size");
     }
 
     std::uint64_t update(std::uint8_t mode, Bytes map, Bytes record)
@@ -90,7 +58,7 @@ protected:
     }
 
     // The exchanges of a key pair made beside FIRST, up to the reload.
-    std::vector<KtStep> generation(std::uint8_t kind) const
+    std::vector<ExchangeStep> generation(std::uint8_t kind) const
     {
         const std::string noLoad =
             numbered("KAZTOKEN GenerateKeyPair Objects initialize error ", 2);
@@ -247,9 +215,10 @@ TEST_F(KtWriting, ACertificateIsWrittenUnderTheIdOfTheNamedKey)
     load({FIRST, SECOND});
     const Bytes value = Certificate{}.encode();
     expectCertificateWritten(0x02, gzipMember(value), NO_FILE);
-    EXPECT_EQ(
-        CKR_OK,
-        create({certificateClass(), onToken(), {CKA_LABEL, text("second")}, {CKA_VALUE, value}}));
+    EXPECT_EQ(CKR_OK, create({classIs(CKO_CERTIFICATE),
+                              onToken(1),
+                              {CKA_LABEL, text("second")},
+                              {CKA_VALUE, value}}));
     EXPECT_MESSAGES(mark, "KAZTOKEN CreateObject CKR_OK");
     EXPECT_EQ(5U, ulObjCount); // the core reloads
 }
@@ -261,8 +230,8 @@ TEST_F(KtWriting, ACertificateIsWrittenUnderAnId)
     EXPECT_EQ(CKR_OK, create({{CKA_SUBJECT, pattern(3)},
                               {CKA_ID, {0x07}},
                               {CKA_VALUE, value},
-                              onToken(),
-                              certificateClass()}));
+                              onToken(1),
+                              classIs(CKO_CERTIFICATE)}));
     EXPECT_MESSAGES(mark, numbered("KAZTOKEN CreateObject unknown type: ", CKA_SUBJECT),
                     "KAZTOKEN CreateObject CKR_OK");
 }
@@ -272,11 +241,11 @@ TEST_F(KtWriting, AnIncompleteTemplateSendsNothing)
     load({FIRST});
     const Bytes value = Certificate{}.encode();
     const std::vector<std::vector<Attribute>> templates{
-        {certificateClass(), onToken(), {CKA_LABEL, text("third")}, {CKA_VALUE, value}},
-        {certificateClass(), onToken(), {CKA_VALUE, value}},
-        {certificateClass(), onToken(), {CKA_VALUE, value}, {CKA_ID, {0xFF}}},
-        {{CKA_CLASS, number(2)}, onToken(), {CKA_VALUE, value}, {CKA_ID, {0x01}}},
-        {certificateClass(), {CKA_TOKEN, {0}}, {CKA_VALUE, value}, {CKA_ID, {0x01}}},
+        {classIs(CKO_CERTIFICATE), onToken(1), {CKA_LABEL, text("third")}, {CKA_VALUE, value}},
+        {classIs(CKO_CERTIFICATE), onToken(1), {CKA_VALUE, value}},
+        {classIs(CKO_CERTIFICATE), onToken(1), {CKA_VALUE, value}, {CKA_ID, {0xFF}}},
+        {classIs(CKO_PUBLIC_KEY), onToken(1), {CKA_VALUE, value}, {CKA_ID, {0x01}}},
+        {classIs(CKO_CERTIFICATE), {CKA_TOKEN, {0}}, {CKA_VALUE, value}, {CKA_ID, {0x01}}},
     };
     for (const auto& attributes : templates) {
         mark.reset();
@@ -290,7 +259,8 @@ TEST_F(KtWriting, AttributesOfAWrongLengthAreRefusedBeforeAnythingIsSent)
     for (const Attribute& wrong :
          {Attribute{CKA_LABEL, Bytes(41, 'x')}, Attribute{CKA_ID, {0x01, 0x02}},
           Attribute{CKA_ID, {}}, Attribute{CKA_VALUE, pattern(4097)}}) {
-        EXPECT_EQ(CKR_ATTRIBUTE_VALUE_INVALID, create({certificateClass(), onToken(), wrong}));
+        EXPECT_EQ(CKR_ATTRIBUTE_VALUE_INVALID,
+                  create({classIs(CKO_CERTIFICATE), onToken(1), wrong}));
     }
     EXPECT_MESSAGES(mark);
 }
@@ -349,7 +319,7 @@ TEST_F(KtWriting, ANewKeyPairIsListedMadeAndFound)
 {
     for (const std::uint8_t kind : {RSA, GOST}) {
         begin();
-        for (const KtStep& step : generation(kind)) {
+        for (const ExchangeStep& step : generation(kind)) {
             expect(step.command, step.reply, step.capacity);
         }
         expectLoad({FIRST, fresh(kind)});
@@ -379,7 +349,7 @@ TEST_F(KtWriting, AFailureAtEachExchangeOfANewKeyPair)
 
 TEST_F(KtWriting, AReloadThatFailsAfterTheKeyPairWasMadeIsADeviceError)
 {
-    for (const KtStep& step : generation(RSA)) {
+    for (const ExchangeStep& step : generation(RSA)) {
         expect(step.command, step.reply, step.capacity);
     }
     expect(SELECT_MAP, "6F 00", 4);
@@ -388,7 +358,7 @@ TEST_F(KtWriting, AReloadThatFailsAfterTheKeyPairWasMadeIsADeviceError)
     expectAllExchanged();
 
     begin();
-    for (const KtStep& step : generation(RSA)) {
+    for (const ExchangeStep& step : generation(RSA)) {
         expect(step.command, step.reply, step.capacity);
     }
     expectMap(mapOf({FIRST, fresh(RSA)}));
