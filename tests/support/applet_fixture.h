@@ -28,6 +28,12 @@ struct Named {
     bool has(Part part) const { return std::ranges::find(parts, part) != parts.end(); }
 };
 
+// `00 n N`, by which a command names its object, behind its length.
+inline Bytes counted(const Bytes& name)
+{
+    return Bytes{std::uint8_t(name.size() + 2), 0x00, std::uint8_t(name.size())} + name;
+}
+
 // A family: its operations and their state, and where its commands are its own.
 struct Applet {
     std::string name; // the first word of its messages
@@ -44,7 +50,14 @@ struct Applet {
     std::uint8_t probe; // P1 of the check for a part
     std::uint8_t deletion;
     CK_MECHANISM_TYPE gostSign; // as SignInit takes it
-    bool tellsNoObjects;        // a load that finds no names passes messages, too
+    // Messages without the first word, empty where there are none.
+    std::string noObjects; // a load that finds no names
+    std::string labelTooLong;
+    std::string idLength;
+    std::string unknownType;
+    // The exchanges that read and that write what is stored of a certificate.
+    std::vector<ExchangeStep> (*reading)(const Bytes& name, const Bytes& stored);
+    std::vector<ExchangeStep> (*writing)(const Bytes& name, const Bytes& stored);
 };
 
 class AppletTest : public TokenTest {
@@ -66,6 +79,11 @@ protected:
         family.signKey = 0;
     }
 
+    // The message, if there is one.
+    std::vector<std::string> toldIf(const std::string& text) const
+    {
+        return text.empty() ? std::vector<std::string>{} : std::vector{told(text)};
+    }
     // A message of the family.
     std::string told(const std::string& text) const { return family.name + ' ' + text; }
     std::string told(const std::string& text, std::uint64_t number) const
@@ -73,11 +91,6 @@ protected:
         return numbered(told(text), number);
     }
 
-    // `00 n N`, by which a command names its object, counted.
-    static Bytes named(const Bytes& name)
-    {
-        return Bytes{std::uint8_t(name.size() + 2), 0x00, std::uint8_t(name.size())} + name;
-    }
     Bytes probeFor(const Bytes& name, Part part) const
     {
         return Bytes{0x80,

@@ -60,6 +60,11 @@ inline Bytes text(std::string_view characters)
     return {characters.begin(), characters.end()};
 }
 
+inline Bytes bigEndian(std::size_t number)
+{
+    return {static_cast<std::uint8_t>(number >> 8), static_cast<std::uint8_t>(number & 0xFF)};
+}
+
 // `count` bytes that differ from their neighbours and from one seed to the next.
 inline Bytes pattern(std::size_t count, std::uint32_t seed = 1)
 {
@@ -288,11 +293,6 @@ protected:
     static std::string line(const Bytes& command, std::size_t capacity)
     {
         return toHex(command) + " (" + std::to_string(capacity) + ")";
-    }
-
-    static Bytes bigEndian(std::size_t number)
-    {
-        return {static_cast<std::uint8_t>(number >> 8), static_cast<std::uint8_t>(number & 0xFF)};
     }
 
     static Bytes announce(std::size_t waiting)

@@ -6,6 +6,24 @@
 
 namespace velt_test {
 
+inline std::vector<ExchangeStep> readingJaCarta(const Bytes& name, const Bytes& stored)
+{
+    return {{hex("80 12 28 00") + counted(name),
+             stored + hex(OK),
+             2050,
+             {"JaCarta GetCertificate APDU error #"}}};
+}
+
+inline std::vector<ExchangeStep> writingJaCarta(const Bytes& name, const Bytes& stored)
+{
+    const Bytes size = bigEndian(stored.size());
+    return {{hex("80 12 27 00 00") + bigEndian(name.size() + stored.size() + 4) + size +
+                 Bytes{0x00, std::uint8_t(name.size())} + name + stored,
+             hex(OK),
+             4,
+             {"JaCarta CreateObject APDU write certificate error #"}}};
+}
+
 inline const Applet JACARTA{
     .name = "JaCarta",
     .atr = "3B DC 18 FF 81 91 FE 1F C3 80 73 C8 21 13 66 01 06 11 59 00 01 28",
@@ -25,7 +43,12 @@ inline const Applet JACARTA{
     .probe = 0x24,
     .deletion = 0x23,
     .gostSign = 0xFFFFFFFF84B5A002,
-    .tellsNoObjects = false,
+    .noObjects = "",
+    .labelTooLong = "",
+    .idLength = "",
+    .unknownType = "CreateObject unknown type: ",
+    .reading = readingJaCarta,
+    .writing = writingJaCarta,
 };
 
 class JcTest : public AppletTest {
