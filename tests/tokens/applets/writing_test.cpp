@@ -17,9 +17,9 @@ protected:
         load({{FIRST, {RSA_PAIR}}, {SECOND, {GOST_PRIVATE, GOST_PUBLIC, CERTIFICATE}}});
     }
 
-    void expectWritten(const Bytes& name, const Bytes& value)
+    void expectWritten(const Bytes& name, const Bytes& content)
     {
-        expectSteps(family.writing(name, gzipMember(value)));
+        expectSteps(family.writing(name, gzipMember(content)));
     }
     void expectLookedUp(std::uint8_t id, const Bytes& name)
     {
@@ -43,7 +43,7 @@ protected:
         return Bytes{0x80, 0x12, family.deletion, 0x00} + counted(name);
     }
 
-    const Bytes value = Certificate{}.encode();
+    const Bytes encoded = Certificate{}.encode();
 };
 
 INSTANTIATE_TEST_SUITE_P(Families, AppletWriting, testing::ValuesIn(APPLETS), appletName);
@@ -123,8 +123,8 @@ TEST_P(AppletWriting, ACertificateIsWrittenUnderTheNameThatItsLabelTells)
     loadBoth();
     for (const Bytes& name : {FIRST, SECOND}) {
         mark.reset();
-        expectWritten(name, value);
-        EXPECT_EQ(CKR_OK, createNamed(name, value));
+        expectWritten(name, encoded);
+        EXPECT_EQ(CKR_OK, createNamed(name, encoded));
         EXPECT_MESSAGES(mark, told("CreateObject CKR_OK"));
         EXPECT_EQ(5U, ulObjCount); // the core reloads
         expectAllExchanged();
@@ -137,8 +137,8 @@ TEST_P(AppletWriting, WithoutALabelTheNameAtTheIdsPositionIsLookedUp)
     for (const std::uint8_t position : Bytes{0x00, 0x07, 0xFE}) {
         mark.reset();
         expectLookedUp(position, pattern(12, position + 50U));
-        expectWritten(pattern(12, position + 50U), value);
-        EXPECT_EQ(CKR_OK, createAt(position, value));
+        expectWritten(pattern(12, position + 50U), encoded);
+        EXPECT_EQ(CKR_OK, createAt(position, encoded));
         EXPECT_MESSAGES(mark, told("CreateObject CKR_OK"));
         expectAllExchanged();
     }
@@ -147,14 +147,14 @@ TEST_P(AppletWriting, WithoutALabelTheNameAtTheIdsPositionIsLookedUp)
 TEST_P(AppletWriting, TheOrderOfAttributesDoesNotMatter)
 {
     loadBoth();
-    std::vector<Attribute> attributes{certificateClass(), onToken(1), der(value),
+    std::vector<Attribute> attributes{certificateClass(), onToken(1), der(encoded),
                                       label(labelOf(FIRST))};
     const auto byType = [](const Attribute& left, const Attribute& right) {
         return left.type < right.type;
     };
     std::ranges::sort(attributes, byType);
     do {
-        expectWritten(FIRST, value);
+        expectWritten(FIRST, encoded);
         EXPECT_EQ(CKR_OK, create(attributes));
     } while (std::ranges::next_permutation(attributes, byType).found);
 }
@@ -165,22 +165,22 @@ TEST_P(AppletWriting, AnIncompleteTemplateSendsNothing)
     const Attribute named = label(labelOf(FIRST));
     // fewer than four that count
     expectIncomplete({});
-    expectIncomplete({onToken(1), der(value), named});
-    expectIncomplete({certificateClass(), der(value), named});
+    expectIncomplete({onToken(1), der(encoded), named});
+    expectIncomplete({certificateClass(), der(encoded), named});
     expectIncomplete({certificateClass(), onToken(1), named});
-    expectIncomplete({certificateClass(), onToken(1), der(value)});
-    expectIncomplete({classIs(CKO_PUBLIC_KEY), onToken(1), der(value), named});
-    expectIncomplete({classIs(0x0000000100000001), onToken(1), der(value), named});
-    expectIncomplete({certificateClass(), onToken(0), der(value), named});
-    expectIncomplete({certificateClass(), onToken(2), der(value), named});
+    expectIncomplete({certificateClass(), onToken(1), der(encoded)});
+    expectIncomplete({classIs(CKO_PUBLIC_KEY), onToken(1), der(encoded), named});
+    expectIncomplete({classIs(0x0000000100000001), onToken(1), der(encoded), named});
+    expectIncomplete({certificateClass(), onToken(0), der(encoded), named});
+    expectIncomplete({certificateClass(), onToken(2), der(encoded), named});
     // neither name nor ID
     for (const Bytes& unknown :
          {text("0a1b"), text("0A1"), text("0A1B0"), text("CC"), Bytes(40, '0'), Bytes{}}) {
-        expectIncomplete({certificateClass(), onToken(1), der(value), label(unknown)});
+        expectIncomplete({certificateClass(), onToken(1), der(encoded), label(unknown)});
     }
-    expectIncomplete({certificateClass(), onToken(1), der(value), id(0xFF)});
-    expectIncomplete({certificateClass(), onToken(1), der(value), label(text("CC")), id(0xFF)});
-    expectIncomplete({certificateClass(), onToken(1), der(value), id(0x00), id(0xFF)});
+    expectIncomplete({certificateClass(), onToken(1), der(encoded), id(0xFF)});
+    expectIncomplete({certificateClass(), onToken(1), der(encoded), label(text("CC")), id(0xFF)});
+    expectIncomplete({certificateClass(), onToken(1), der(encoded), id(0x00), id(0xFF)});
 }
 
 TEST_P(AppletWriting, OtherTypesAreToldAndDoNotCount)
@@ -188,18 +188,18 @@ TEST_P(AppletWriting, OtherTypesAreToldAndDoNotCount)
     loadBoth();
     EXPECT_EQ(CKR_TEMPLATE_INCOMPLETE, create({{CKA_SUBJECT, pattern(3)},
                                                onToken(1),
-                                               der(value),
+                                               der(encoded),
                                                label(labelOf(FIRST)),
                                                {CKA_CERTIFICATE_TYPE, number(0)}}));
     EXPECT_MESSAGES(mark, told(family.unknownType, CKA_SUBJECT),
                     told(family.unknownType, CKA_CERTIFICATE_TYPE),
                     told("CreateObject CKR_TEMPLATE_INCOMPLETE"));
     mark.reset();
-    expectWritten(FIRST, value);
+    expectWritten(FIRST, encoded);
     EXPECT_EQ(CKR_OK, create({certificateClass(),
                               onToken(1),
                               {CKA_PRIVATE, {0}},
-                              der(value),
+                              der(encoded),
                               label(labelOf(FIRST))}));
     EXPECT_MESSAGES(mark, told(family.unknownType, CKA_PRIVATE), told("CreateObject CKR_OK"));
 }
@@ -209,14 +209,14 @@ TEST_P(AppletWriting, AClassIsEightBytesAndAFlagOneWhateverTheirLengths)
     loadBoth();
     const std::uint64_t objClass = CKO_CERTIFICATE;
     std::uint8_t flag = 1;
-    Bytes content = value;
+    Bytes content = encoded;
     Bytes name = labelOf(FIRST);
     std::array<CK_ATTRIBUTE, 4> rows{{{CKA_CLASS, const_cast<std::uint64_t*>(&objClass), 1},
                                       {CKA_TOKEN, &flag, 8},
                                       {CKA_VALUE, content.data(), content.size()},
                                       {CKA_LABEL, name.data(), name.size()}}};
     CK_OBJECT_HANDLE handle = 4711;
-    expectWritten(FIRST, value);
+    expectWritten(FIRST, encoded);
     EXPECT_EQ(CKR_OK,
               family.operations.CreateObject(table, session, rows.data(), rows.size(), &handle));
     EXPECT_EQ(4711U, handle);
@@ -227,9 +227,9 @@ TEST_P(AppletWriting, DuplicatesCountEachTime)
     loadBoth();
     expectWritten(FIRST, {});
     EXPECT_EQ(CKR_OK, create({onToken(1), onToken(1), onToken(1), label(labelOf(FIRST))}));
-    expectWritten(FIRST, value);
+    expectWritten(FIRST, encoded);
     EXPECT_EQ(CKR_OK,
-              create({certificateClass(), label(labelOf(FIRST)), der(pattern(9)), der(value)}));
+              create({certificateClass(), label(labelOf(FIRST)), der(pattern(9)), der(encoded)}));
 }
 
 TEST_P(AppletWriting, WithoutAValueTheEmptyMemberIsWritten)
@@ -246,11 +246,11 @@ TEST_P(AppletWriting, WithoutAValueTheEmptyMemberIsWritten)
 TEST_P(AppletWriting, ALabelIsReadAsAString)
 {
     loadBoth();
-    expectWritten(FIRST, value);
-    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(value),
+    expectWritten(FIRST, encoded);
+    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(encoded),
                               label(labelOf(FIRST) + Bytes{0} + text("rest"))}));
-    expectWritten(SECOND, value);
-    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(value),
+    expectWritten(SECOND, encoded);
+    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(encoded),
                               label(padded(labelOf(SECOND), 40))}));
 }
 
@@ -260,24 +260,25 @@ TEST_P(AppletWriting, TheLastLabelThatMatchesWinsAndComesBeforeAnId)
     const Attribute first = label(labelOf(FIRST));
     const Attribute second = label(labelOf(SECOND));
     const Attribute unknown = label(text("CC"));
-    expectWritten(SECOND, value);
-    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(value), first, second}));
-    expectWritten(FIRST, value);
-    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(value), second, first, unknown}));
-    expectWritten(SECOND, value);
-    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(value), second, id(0x00)}));
-    expectWritten(SECOND, value);
-    EXPECT_EQ(CKR_OK, create({certificateClass(), id(0x00), onToken(1), der(value), second}));
-    expectWritten(SECOND, value);
-    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(value), second, id(0xFF)}));
+    expectWritten(SECOND, encoded);
+    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(encoded), first, second}));
+    expectWritten(FIRST, encoded);
+    EXPECT_EQ(CKR_OK,
+              create({certificateClass(), onToken(1), der(encoded), second, first, unknown}));
+    expectWritten(SECOND, encoded);
+    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(encoded), second, id(0x00)}));
+    expectWritten(SECOND, encoded);
+    EXPECT_EQ(CKR_OK, create({certificateClass(), id(0x00), onToken(1), der(encoded), second}));
+    expectWritten(SECOND, encoded);
+    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(encoded), second, id(0xFF)}));
 }
 
 TEST_P(AppletWriting, TheLastIdWins)
 {
     loadBoth();
     expectLookedUp(0x03, SECOND);
-    expectWritten(SECOND, value);
-    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(value), id(0x09), id(0xFF),
+    expectWritten(SECOND, encoded);
+    EXPECT_EQ(CKR_OK, create({certificateClass(), onToken(1), der(encoded), id(0x09), id(0xFF),
                               label(text("CC")), id(0x03)}));
 }
 
@@ -285,14 +286,14 @@ TEST_P(AppletWriting, OfEqualLabelsTheFirstGivesTheName)
 {
     load({{FIRST, {CERTIFICATE}}, {FIRST, {RSA_PAIR}}});
     velt::entryAt(0)->cardName[0] = 0x77; // told apart from the entries of the same label
-    expectWritten(hex("77 1B"), value);
-    EXPECT_EQ(CKR_OK, createNamed(FIRST, value));
+    expectWritten(hex("77 1B"), encoded);
+    EXPECT_EQ(CKR_OK, createNamed(FIRST, encoded));
 }
 
 TEST_P(AppletWriting, ALabelBeyond40BytesIsRefusedAtOnce)
 {
     loadBoth();
-    expectIncomplete({certificateClass(), onToken(1), der(value), label(Bytes(40, 'x'))});
+    expectIncomplete({certificateClass(), onToken(1), der(encoded), label(Bytes(40, 'x'))});
     for (const std::size_t size : {41U, 50U, 5000U}) {
         mark.reset();
         EXPECT_EQ(CKR_ATTRIBUTE_VALUE_INVALID,
@@ -300,7 +301,7 @@ TEST_P(AppletWriting, ALabelBeyond40BytesIsRefusedAtOnce)
         EXPECT_MESSAGES(mark, toldIf(family.labelTooLong));
     }
     mark.reset();
-    EXPECT_EQ(CKR_ATTRIBUTE_VALUE_INVALID, create({certificateClass(), onToken(1), der(value),
+    EXPECT_EQ(CKR_ATTRIBUTE_VALUE_INVALID, create({certificateClass(), onToken(1), der(encoded),
                                                    label(padded(labelOf(FIRST), 41))}));
     EXPECT_MESSAGES(mark, toldIf(family.labelTooLong));
 }
@@ -312,7 +313,7 @@ TEST_P(AppletWriting, AnIdThatIsNotOneByteIsRefusedAtOnce)
         mark.reset();
         EXPECT_EQ(CKR_ATTRIBUTE_VALUE_INVALID, create({certificateClass(),
                                                        onToken(1),
-                                                       der(value),
+                                                       der(encoded),
                                                        label(labelOf(FIRST)),
                                                        {CKA_ID, content},
                                                        {CKA_SUBJECT, pattern(3)}}));
