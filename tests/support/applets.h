@@ -2,11 +2,12 @@
 #pragma once
 
 #include "tests/support/applet_fixture.h"
+#include "tests/support/et72k_fixture.h"
 #include "tests/support/jc_fixture.h"
 
 namespace velt_test {
 
-inline const std::vector<const Applet*> APPLETS{&JACARTA};
+inline const std::vector<const Applet*> APPLETS{&JACARTA, &ETOKEN};
 
 // A session on a card of the family that is the parameter.
 class EachApplet : public AppletTest, public testing::WithParamInterface<const Applet*> {
