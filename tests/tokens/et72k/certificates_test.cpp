@@ -253,7 +253,7 @@ TEST_F(Et72kCertificates, OfOtherObjectsACertificateIsReadAndDropped)
         expectAllExchanged();
     }
     failAtEach(
-        readingET72K(NAME, gzipMember(emptyOf(40))), 2, [] {},
+        readingET72K(NAME, gzipMember(emptyOf(33))), 2, [] {},
         [this] { return getCertificate(PRIVATE_KEY); });
 }
 

@@ -82,6 +82,7 @@ TEST_F(Et72kInformation, TheTokenDescribesItself)
     tokenSNLen = 4;
     CK_TOKEN_INFO info;
     std::memset(&info, SENTINEL, sizeof info);
+    mark.reset();
     EXPECT_EQ(CKR_OK, fGetTokenInfoET72K(table, 0, &info));
     EXPECT_EQ("EToken" + std::string(16, ' ') + std::string(3, '\0') + "Aladdin",
               textOf(info.label));
@@ -443,7 +444,7 @@ TEST_F(Et72kInformation, ALogoutDeselectsTheApplet)
 
 TEST_F(Et72kInformation, AFailedLogoutAnswersWithWhatFailed)
 {
-    for (const std::uint8_t selected : {1, 0}) {
+    for (const std::uint8_t selected : Bytes{1, 0}) {
         ET72KAppletSelected = selected;
         mark.reset();
         expect(INIT_VARS, "69 85", 4);

@@ -204,7 +204,7 @@ TEST_F(Et72kLoading, AProbeIsRefusedSilentlyOrNot)
         mark.reset();
         expectCount(1);
         expectName(0, NAME);
-        for (const std::uint8_t part : {0, 1, 2, 3}) {
+        for (const std::uint8_t part : Bytes{0, 1, 2, 3}) {
             expect(probeFor(NAME, Part{part}), hex(silent), 258);
         }
         EXPECT_EQ(0U, loadObjects());
