@@ -2,12 +2,9 @@
 
 #include "sim/cards/openssl_error.h"
 
-#include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
-#include <openssl/pem.h>
 #include <openssl/rsa.h>
-#include <openssl/x509.h>
 
 namespace sim {
 
@@ -20,40 +17,21 @@ Context contextFor(EVP_PKEY* key)
     return {require(EVP_PKEY_CTX_new(key, nullptr), "RSA context"), EVP_PKEY_CTX_free};
 }
 
-// Takes what an i2d function wrote into memory of OpenSSL's.
-Bytes takeDer(unsigned char* der, int length, const char* what)
-{
-    if (length <= 0) {
-        throwOpenSsl(what);
-    }
-    Bytes bytes(der, der + length);
-    OPENSSL_clear_free(der, static_cast<std::size_t>(length));
-    return bytes;
-}
-
 } // namespace
-
-RsaKey::RsaKey(EVP_PKEY* key) : key_(require(key, "RSA key"), EVP_PKEY_free) {}
 
 RsaKey RsaKey::fromPem(std::string_view pem)
 {
-    const std::unique_ptr<BIO, decltype(&BIO_free)> bio(
-        require(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), "PEM"), BIO_free);
-    return RsaKey(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
+    return RsaKey(privateKeyFromPem(pem));
 }
 
 RsaKey RsaKey::fromDer(std::span<const std::uint8_t> pkcs8)
 {
-    const unsigned char* at = pkcs8.data();
-    const std::unique_ptr<PKCS8_PRIV_KEY_INFO, decltype(&PKCS8_PRIV_KEY_INFO_free)> info(
-        require(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &at, static_cast<long>(pkcs8.size())), "PKCS#8"),
-        PKCS8_PRIV_KEY_INFO_free);
-    return RsaKey(EVP_PKCS82PKEY(info.get()));
+    return RsaKey(privateKeyFromDer(pkcs8));
 }
 
 RsaKey RsaKey::generate(unsigned bits)
 {
-    return RsaKey(EVP_RSA_gen(bits));
+    return RsaKey(sharedKey(EVP_RSA_gen(bits), "RSA key"));
 }
 
 unsigned RsaKey::bits() const
@@ -73,18 +51,12 @@ Bytes RsaKey::modulus() const
 
 Bytes RsaKey::privateDer() const
 {
-    const std::unique_ptr<PKCS8_PRIV_KEY_INFO, decltype(&PKCS8_PRIV_KEY_INFO_free)> info(
-        require(EVP_PKEY2PKCS8(key_.get()), "PKCS#8"), PKCS8_PRIV_KEY_INFO_free);
-    unsigned char* der = nullptr;
-    const int length = i2d_PKCS8_PRIV_KEY_INFO(info.get(), &der);
-    return takeDer(der, length, "PKCS#8");
+    return privateKeyDer(key_.get());
 }
 
 Bytes RsaKey::publicDer() const
 {
-    unsigned char* der = nullptr;
-    const int length = i2d_PUBKEY(key_.get(), &der);
-    return takeDer(der, length, "public key");
+    return publicKeyDer(key_.get());
 }
 
 Bytes RsaKey::sign(std::span<const std::uint8_t> data) const
@@ -112,6 +84,19 @@ Bytes RsaKey::recover(std::span<const std::uint8_t> signature) const
             "RSA recovery");
     data.resize(length);
     return data;
+}
+
+Bytes RsaKey::raise(std::span<const std::uint8_t> block) const
+{
+    const Context context = contextFor(key_.get());
+    require(EVP_PKEY_sign_init(context.get()), "RSA operation");
+    require(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING), "RSA padding");
+    Bytes number(modulusSize());
+    std::size_t length = number.size();
+    require(EVP_PKEY_sign(context.get(), number.data(), &length, block.data(), block.size()),
+            "RSA operation");
+    number.resize(length);
+    return number;
 }
 
 } // namespace sim

@@ -2,13 +2,12 @@
 #pragma once
 
 #include "sim/cards/card.h"
+#include "sim/cards/pkey.h"
 #include "sim/cards/test_keys.h"
 
 #include <cstddef>
-#include <memory>
 #include <string_view>
-
-#include <openssl/evp.h>
+#include <utility>
 
 namespace sim {
 
@@ -34,12 +33,14 @@ public:
     std::size_t signCapacity() const { return modulusSize() - 11U; }
     // Pads the data as a block of type 1 and raises it to the private exponent.
     Bytes sign(std::span<const std::uint8_t> data) const;
+    // Raises a whole block, as long as the modulus and smaller, to the private exponent.
+    Bytes raise(std::span<const std::uint8_t> block) const;
     // What the public key recovers from a signature: the data, without its padding.
     Bytes recover(std::span<const std::uint8_t> signature) const;
 
 private:
-    explicit RsaKey(EVP_PKEY* key);
-    std::shared_ptr<EVP_PKEY> key_;
+    explicit RsaKey(SharedKey key) : key_(std::move(key)) {}
+    SharedKey key_;
 };
 
 } // namespace sim

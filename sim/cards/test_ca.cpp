@@ -100,6 +100,29 @@ const RsaKey& authorityKey()
     return key;
 }
 
+Bytes issueFor(EVP_PKEY* key, const CertificateRequest& request)
+{
+    if (request.version != 1 && request.version != 3) {
+        throw std::invalid_argument("a certificate is of version 1 or 3");
+    }
+    const Certificate certificate(require(X509_new(), "certificate"), X509_free);
+    X509* const raw = certificate.get();
+    require(X509_set_version(raw, request.version - 1), "version");
+    setSerial(raw, request.serial);
+    fillName(X509_get_issuer_name(raw), request.issuer);
+    fillName(X509_get_subject_name(raw), request.subject);
+    require(X509_set1_notBefore(raw, timeOf(request.notBefore).get()), "notBefore");
+    require(X509_set1_notAfter(raw, timeOf(request.notAfter).get()), "notAfter");
+    require(X509_set_pubkey(raw, key), "public key");
+    if (request.version == 3) {
+        addExtensions(raw, request.authority);
+    }
+    if (X509_sign(raw, authorityKey().get(), EVP_sha256()) == 0) {
+        throwOpenSsl("certificate signature");
+    }
+    return encoded(raw);
+}
+
 } // namespace
 
 NameAttributes defaultIssuer()
@@ -122,25 +145,12 @@ NameAttributes longIssuer()
 
 Bytes issueCertificate(const RsaKey& key, const CertificateRequest& request)
 {
-    if (request.version != 1 && request.version != 3) {
-        throw std::invalid_argument("a certificate is of version 1 or 3");
-    }
-    const Certificate certificate(require(X509_new(), "certificate"), X509_free);
-    X509* const raw = certificate.get();
-    require(X509_set_version(raw, request.version - 1), "version");
-    setSerial(raw, request.serial);
-    fillName(X509_get_issuer_name(raw), request.issuer);
-    fillName(X509_get_subject_name(raw), request.subject);
-    require(X509_set1_notBefore(raw, timeOf(request.notBefore).get()), "notBefore");
-    require(X509_set1_notAfter(raw, timeOf(request.notAfter).get()), "notAfter");
-    require(X509_set_pubkey(raw, key.get()), "public key");
-    if (request.version == 3) {
-        addExtensions(raw, request.authority);
-    }
-    if (X509_sign(raw, authorityKey().get(), EVP_sha256()) == 0) {
-        throwOpenSsl("certificate signature");
-    }
-    return encoded(raw);
+    return issueFor(key.get(), request);
+}
+
+Bytes issueCertificate(const GostKey& key, const CertificateRequest& request)
+{
+    return issueFor(key.get(), request);
 }
 
 Bytes authorityCertificate()

@@ -1,6 +1,7 @@
 // A small test authority: real X.509 certificates in whatever shape a test needs.
 #pragma once
 
+#include "sim/cards/gost_key.h"
 #include "sim/cards/rsa_key.h"
 
 #include <string>
@@ -39,6 +40,7 @@ NameAttributes longIssuer();
 
 // Certificate in DER, signed by the authority's key; the same request gives the same bytes.
 Bytes issueCertificate(const RsaKey& key, const CertificateRequest& request);
+Bytes issueCertificate(const GostKey& key, const CertificateRequest& request);
 
 // The authority's own certificate in DER, under the default issuer's name.
 Bytes authorityCertificate();

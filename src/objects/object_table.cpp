@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <span>
 
 ObjectEntry* VELTObj = nullptr;
@@ -151,14 +152,14 @@ bool growObjects(std::size_t entries) noexcept
     if (!coverPositions(entries)) {
         return false;
     }
-    void* room = std::realloc(VELTObj, entries * sizeof(ObjectEntry));
+    void* room = reallocarray(VELTObj, entries, sizeof(ObjectEntry));
     if (room == nullptr) {
         return false;
     }
     VELTObj = static_cast<ObjectEntry*>(room);
     tableSize = entries;
     for (ObjectEntry& entry : table().subspan(before)) {
-        entry = {};
+        std::memset(&entry, 0, sizeof entry);
         entry.handle = REMOVED_MARKER;
     }
     return true;
