@@ -348,6 +348,7 @@ TEST_P(AppletWriting, StoredFormsOfEverySizeUpTo2048BytesAreWritten)
 TEST_P(AppletWriting, MoreThan2048CompressedBytesAreRefusedBeforeAnythingIsSent)
 {
     loadBoth();
+    velt::findSession(session)->deviceError = 0x1234;
     EXPECT_EQ(CKR_DEVICE_MEMORY, createNamed(FIRST, contentCompressingTo(2049)));
     EXPECT_MESSAGES(mark, told("CreateObject error gzipped cert length ", 2049));
     mark.reset();
@@ -357,7 +358,7 @@ TEST_P(AppletWriting, MoreThan2048CompressedBytesAreRefusedBeforeAnythingIsSent)
     EXPECT_EQ(CKR_DEVICE_MEMORY, createNamed(FIRST, pattern(4096)));
     EXPECT_MESSAGES(mark, "Unknown error code: 0x0",
                     told("CreateObject error gzipped cert length ", 4096));
-    EXPECT_EQ(0U, deviceError());
+    EXPECT_EQ(0x1234U, deviceError());
 }
 
 TEST_P(AppletWriting, ACompressorThatFailsIsRememberedAsTheDevicesError)
@@ -405,6 +406,20 @@ TEST_P(AppletWriting, ADestructionThatFailsIsToldWithItsResult)
     failAtEach(
         {{destruction(SECOND), {}, 2, {told("DestroyObject APDU error ") + "#"}}},
         CKR_FUNCTION_FAILED, [this] { loadBoth(); }, [this] { return destroy(5); });
+}
+
+TEST_P(AppletWriting, AnEntryThatIsNotMadeHasTheEmptyName)
+{
+    load({{FIRST, {RSA_PAIR}}});
+    expect(destruction({}), hex("6A 88"), 2);
+    EXPECT_EQ(CKR_FUNCTION_FAILED, destroy(3));
+    EXPECT_MESSAGES(mark, told("DestroyObject APDU error ", 0x886A));
+    mark.reset();
+    expectSteps(family.reading({}, gzipMember(encoded)));
+    EXPECT_EQ(CKR_OK, getCertificate(3));
+    EXPECT_MESSAGES(mark, told("GetCertificate CKR_OK"));
+    EXPECT_EQ(REMOVED_MARKER, velt::entryAt(2)->handle);
+    EXPECT_EQ(nullptr, velt::entryAt(2)->attrs);
 }
 
 TEST_P(AppletWriting, HandlesOutsideTheTableDestroyNothing)

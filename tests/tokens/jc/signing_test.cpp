@@ -108,6 +108,15 @@ TEST_F(JcSigning, AnyEntrysNameSigns)
     expectSignature(turned(pattern(64)));
 }
 
+TEST_F(JcSigning, AnEntryThatIsNotMadeSignsUnderTheEmptyName)
+{
+    load({{RSA_NAME, {CERTIFICATE}}});
+    init(CKM_RSA_PKCS, 2);
+    expect(rsaCommand({}, pattern(20)), pattern(256) + hex(OK), 2050);
+    EXPECT_EQ(CKR_OK, sign(pattern(20)));
+    expectSignature(pattern(256));
+}
+
 TEST_F(JcSigning, AnRsaSignatureIsTheReplyWhateverItsLength)
 {
     init(CKM_RSA_PKCS, RSA_KEY);
