@@ -1,5 +1,5 @@
-// The eToken 72K's description and mechanisms, the selection of its applet, and the PIN on its way
-// to it.
+// The eToken 72K's description, the selection of its applet with the serial number, and the PIN on
+// its way to it.
 #include "tests/support/et72k_fixture.h"
 
 #include <cstring>
@@ -114,29 +114,6 @@ TEST_F(Et72kInformation, BeforeAnySelectionTheSerialNumberIsZeros)
     tokenSN = serialAtFirst;
     tokenSNLen = serialLengthAtFirst;
     expectSerial({});
-}
-
-TEST_F(Et72kInformation, MechanismsAreListedInOrder)
-{
-    using List = std::array<CK_MECHANISM_TYPE, 5>;
-    CK_ULONG count = 77;
-    EXPECT_EQ(CKR_OK, fGetMechanismListET72K(table, nullptr, &count));
-    EXPECT_EQ(4U, count);
-    List list{77, 77, 77, 77, 77};
-    for (const CK_ULONG room : {0UL, 1UL, 3UL}) {
-        count = room;
-        EXPECT_EQ(CKR_OK, fGetMechanismListET72K(table, list.data(), &count));
-        EXPECT_EQ(4U, count);
-        EXPECT_EQ((List{77, 77, 77, 77, 77}), list);
-    }
-    for (const CK_ULONG room : {4UL, 5UL}) {
-        list.fill(77);
-        count = room;
-        EXPECT_EQ(CKR_OK, fGetMechanismListET72K(table, list.data(), &count));
-        EXPECT_EQ(room, count);
-        EXPECT_EQ((List{0x0, 0x1, 0x84B5A001, 0x84B5A002, 77}), list);
-    }
-    EXPECT_MESSAGES(mark);
 }
 
 TEST_F(Et72kInformation, TheTableHoldsTheFamilysOperationsInTheirSlots)
@@ -362,22 +339,6 @@ TEST_F(Et72kInformation, OnlyAWrongPinMakesALoginFail)
     }
 }
 
-TEST_F(Et72kInformation, ATryCounterIsTakenForWaitingData)
-{
-    dwReplyLen = 2;
-    expect("80 10 20 00 04 31 32 33 34", "63 C2", 2);
-    expectGetResponse(0xC2, hex("64 13"));
-    EXPECT_EQ(CKR_PIN_INCORRECT, login("1234"));
-}
-
-TEST_F(Et72kInformation, ALostLoginIsToldAsASuccess)
-{
-    dwReplyLen = 2;
-    expectLost("80 10 20 00 04 31 32 33 34", SCARD_W_REMOVED_CARD, 2);
-    EXPECT_EQ(CKR_OK, login("1234"));
-    EXPECT_MESSAGES(mark, "EToken72K Login CKR_OK");
-}
-
 TEST_F(Et72kInformation, ThePinIsSentThoughTheAppletCannotBeSelected)
 {
     deselect();
@@ -399,25 +360,6 @@ TEST_F(Et72kInformation, ThePinIsSentThoughTheAppletCannotBeSelected)
     expectLost(SELECT, SCARD_W_REMOVED_CARD, 4);
     expect("80 10 20 00 04 31 32 33 34", "64 13", 0); // no room for the refusal
     EXPECT_EQ(CKR_OK, login("1234"));
-}
-
-TEST_F(Et72kInformation, NoPinStaysInTheCommandBuffer)
-{
-    for (const std::string_view reply : {"90 00", "64 13"}) {
-        dwReplyLen = 2;
-        expect("80 10 20 00 04 31 32 33 34", reply, 2);
-        login("1234");
-        const velt::Command probeOfBuffer{0x00, 0x00, 0x00, 0x00};
-        const std::uint8_t* buffer = probeOfBuffer.bytes().data();
-        EXPECT_TRUE(std::all_of(buffer + 4, buffer + 9, [](auto byte) { return byte == 0; }));
-    }
-}
-
-TEST_F(Et72kInformation, APinBeyondTheCommandBufferIsNotSent)
-{
-    EXPECT_EQ(CKR_PIN_LEN_RANGE, login(std::string(70000, '1')));
-    EXPECT_MESSAGES(mark);
-    EXPECT_EQ(1, ET72KAppletSelected);
 }
 
 // --- logout ---
