@@ -86,7 +86,9 @@ struct Certificate {
     // The encoding with as many zero bytes of filler as make it `size` bytes.
     Bytes encodeTo(std::size_t size) const
     {
-        for (std::size_t padding = 0; padding <= size; ++padding) {
+        const std::size_t shortest = encode().size() + 8; // longer lengths take a few bytes
+        for (std::size_t padding = size < shortest ? 0 : size - shortest; padding <= size;
+             ++padding) {
             Bytes encoded = encode(Bytes(padding));
             if (encoded.size() == size) {
                 return encoded;
