@@ -1,0 +1,119 @@
+#include "sim/cardsim/applet_family.h"
+
+#include "sim/cards/scripted_card.h"
+
+namespace {
+
+constexpr std::string_view WITH_CERTIFICATE = "+certificate";
+
+std::vector<std::string> splitAtCommas(const std::string& list)
+{
+    std::vector<std::string> parts;
+    std::size_t start = 0;
+    for (std::size_t comma = list.find(','); comma != std::string::npos;
+         comma = list.find(',', start)) {
+        parts.push_back(list.substr(start, comma - start));
+        start = comma + 1;
+    }
+    parts.push_back(list.substr(start));
+    return parts;
+}
+
+sim::NameAttributes issuerOf(const std::string& shape)
+{
+    if (shape == "two") {
+        return sim::shortIssuer();
+    }
+    if (shape == "six") {
+        return sim::defaultIssuer();
+    }
+    if (shape == "seven") {
+        return sim::longIssuer();
+    }
+    throw UsageError("--issuer takes two, six or seven, not \"" + shape + "\"");
+}
+
+sim::Bytes nameOf(const std::string& text)
+{
+    const bool digits = text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+    if (text.empty() || !digits || text.size() % 2 != 0) {
+        throw UsageError("--names takes hexadecimal names, not \"" + text + "\"");
+    }
+    return sim::hex(text);
+}
+
+sim::Bytes usualName(std::size_t position)
+{
+    const std::string name = "object-" + std::to_string(position + 1);
+    return {name.begin(), name.end()};
+}
+
+void putKey(sim::AppletObject& object, const std::string& kind)
+{
+    if (kind == "rsa2048") {
+        object.rsa = sim::RsaKey::fromTestKey(sim::TestKey::First2048);
+    } else if (kind == "rsa1024") {
+        object.rsa = sim::RsaKey::fromTestKey(sim::TestKey::First1024);
+    } else if (kind == "rsa") {
+        object.rsa = sim::RsaKey::generate(2048);
+    } else if (kind == "gost") {
+        object.gost = sim::GostKey::generate(sim::GostAlgorithm::Gost2012_256);
+    } else {
+        throw UsageError("--objects takes rsa2048, rsa1024, rsa or gost, not \"" + kind + "\"");
+    }
+}
+
+sim::AppletObject objectOf(std::string kind, sim::Bytes name, const sim::NameAttributes& issuer)
+{
+    sim::AppletObject object{std::move(name)};
+    const bool certified = kind.ends_with(WITH_CERTIFICATE);
+    kind.resize(kind.size() - (certified ? WITH_CERTIFICATE.size() : 0));
+    putKey(object, kind);
+    if (certified) {
+        object.setCertificate(certificateFor(object, "Velt Holder", issuer));
+    }
+    return object;
+}
+
+} // namespace
+
+bool AppletSettings::take(Arguments& arguments, sim::AppletOptions& options)
+{
+    const std::string_view option = arguments.option();
+    if (option == "--pin") {
+        options.pin = arguments.value();
+    } else if (option == "--retries") {
+        options.retryLimit = static_cast<std::uint8_t>(arguments.number(1, 15));
+    } else if (option == "--issuer") {
+        options.issuer = issuerOf(arguments.value());
+    } else if (option == "--objects") {
+        kinds_ = arguments.value();
+    } else if (option == "--names") {
+        names_ = arguments.value();
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void AppletSettings::finish(sim::AppletOptions& options) const
+{
+    if (kinds_.empty()) {
+        if (!names_.empty()) {
+            throw UsageError("--names needs --objects");
+        }
+        return;
+    }
+    const std::vector<std::string> kinds =
+        kinds_ == "none" ? std::vector<std::string>{} : splitAtCommas(kinds_);
+    const std::vector<std::string> names =
+        names_.empty() ? std::vector<std::string>{} : splitAtCommas(names_);
+    if (!names.empty() && names.size() != kinds.size()) {
+        throw UsageError("--names and --objects have different numbers of entries");
+    }
+    options.objects.emplace();
+    for (std::size_t i = 0; i < kinds.size(); ++i) {
+        options.objects->push_back(
+            objectOf(kinds[i], names.empty() ? usualName(i) : nameOf(names[i]), options.issuer));
+    }
+}

@@ -1,0 +1,68 @@
+// What the families with an applet share in velt-cardsim: their options and how they are served.
+#pragma once
+
+#include "sim/cardsim/family.h"
+
+#include "sim/cards/applet_card.h"
+
+#include <utility>
+
+// The options that every such family has, for the help.
+inline constexpr std::string_view APPLET_OPTIONS =
+    R"(  --pin PIN                 4 to 10 characters (1234)
+  --retries N               wrong PINs allowed, 1 to 15 (3)
+  --objects LIST            instead of what the token brings: rsa2048, rsa1024, rsa (generated,
+                            2,048 bits) and gost (generated) with commas between them, each
+                            with +certificate behind it if it has one; or none
+  --names LIST              their names, in hexadecimal, 1 to 20 bytes each, with commas
+  --issuer SHAPE            two, six or seven attributes in the issuers' names (six)
+)";
+
+// Takes what the command line says about objects until all of it is known.
+class AppletSettings {
+public:
+    // False if the option is none of these.
+    bool take(Arguments& arguments, sim::AppletOptions& options);
+    // Throws UsageError if names and objects do not fit together.
+    void finish(sim::AppletOptions& options) const;
+
+private:
+    std::string kinds_;
+    std::string names_;
+};
+
+// Serves a card of one of these families.
+template <class Token>
+class ServedApplet final : public ServedCard {
+public:
+    template <class Options>
+    explicit ServedApplet(const Options& options) : token_(options)
+    {
+    }
+    sim::Card& card() override { return token_; }
+    sim::Bytes state() const override { return token_.state(); }
+    void restore(std::span<const std::uint8_t> state) override { token_.restore(state); }
+    unsigned long revision() const override { return token_.revision(); }
+    std::string words(std::span<const std::uint8_t> command) const override
+    {
+        return token_.words(command);
+    }
+    std::size_t secretLength(std::span<const std::uint8_t> command) const override
+    {
+        return Token::secretLength(command);
+    }
+
+private:
+    Token token_;
+};
+
+template <class Token, class Options>
+std::unique_ptr<ServedCard> makeApplet(const AppletSettings& settings, Options options)
+{
+    settings.finish(options);
+    try {
+        return std::make_unique<ServedApplet<Token>>(options);
+    } catch (const std::invalid_argument& error) {
+        throw UsageError(error.what());
+    }
+}

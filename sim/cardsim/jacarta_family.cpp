@@ -1,0 +1,28 @@
+#include "sim/cardsim/applet_family.h"
+
+#include "sim/cards/jacarta.h"
+
+namespace {
+
+class JacartaSettings final : public CardSettings {
+public:
+    bool take(Arguments& arguments) override { return settings_.take(arguments, options_); }
+    std::unique_ptr<ServedCard> make() const override
+    {
+        return makeApplet<sim::Jacarta>(settings_, options_);
+    }
+
+private:
+    AppletSettings settings_;
+    sim::JacartaOptions options_;
+};
+
+std::unique_ptr<CardSettings> jacartaSettings()
+{
+    return std::make_unique<JacartaSettings>();
+}
+
+} // namespace
+
+const Family jacartaFamily{
+    .name = "jc", .title = "JaCarta", .options = APPLET_OPTIONS, .settings = jacartaSettings};
