@@ -1,4 +1,5 @@
 // The commands of the simulated identity card.
+#include "sim/cards/answer.h"
 #include "sim/cards/id_card.h"
 
 #include <algorithm>
@@ -8,31 +9,7 @@ namespace sim {
 
 namespace {
 
-enum Status : unsigned {
-    DONE = 0x9000,
-    FILE_ENDS_EARLY = 0x6282,
-    WRONG_PIN = 0x63C0, // and the attempts left
-    WRONG_LENGTH = 0x6700,
-    SECURITY_STATUS = 0x6982,
-    PIN_BLOCKED = 0x6983,
-    CONDITIONS = 0x6985,
-    NO_CURRENT_FILE = 0x6986,
-    WRONG_DATA = 0x6A80,
-    FILE_NOT_FOUND = 0x6A82,
-    FILE_FULL = 0x6A84,
-    WRONG_PARAMETERS = 0x6A86,
-    OBJECT_NOT_FOUND = 0x6A88,
-    WRONG_OFFSET = 0x6B00,
-    UNKNOWN_INSTRUCTION = 0x6D00,
-    UNKNOWN_CLASS = 0x6E00,
-};
-
-constexpr std::uint8_t MORE_DATA = 0x61;    // SW1; SW2 is how many bytes
-constexpr std::uint8_t EXACT_LENGTH = 0x6C; // SW1; SW2 is the length to ask for
-
 constexpr std::size_t HEADER_LENGTH = 5;
-constexpr std::size_t SHORT_MOST = 256;              // length that a byte of 00 stands for
-constexpr std::uint8_t SHORT_FILE_IDENTIFIER = 0x80; // P1 names a file rather than an offset
 
 constexpr std::array<std::uint8_t, 2> MASTER_FILE{0x3F, 0x00};
 constexpr std::array<std::uint8_t, 2> CERTIFICATE_DIRECTORY{0x08, 0x01};
@@ -50,29 +27,6 @@ constexpr std::array<std::uint8_t, 4> GENERATE_HEAD{0xA4, 0x03, 0x84, 0x01};
 
 constexpr std::array<std::uint8_t, 2> ABSENT_KEY{0x4D, 0x00}; // a header list that names nothing
 constexpr std::string_view PIN_FILLER = "0000";
-
-constexpr std::uint8_t lowByte(std::size_t value)
-{
-    return static_cast<std::uint8_t>(value & 0xFFU);
-}
-
-Bytes status(unsigned value)
-{
-    return {lowByte(value >> 8), lowByte(value)};
-}
-
-Bytes with(std::span<const std::uint8_t> data, unsigned value)
-{
-    Bytes answer(data.begin(), data.end());
-    answer.push_back(lowByte(value >> 8));
-    answer.push_back(lowByte(value));
-    return answer;
-}
-
-bool same(std::span<const std::uint8_t> left, std::span<const std::uint8_t> right)
-{
-    return std::equal(left.begin(), left.end(), right.begin(), right.end());
-}
 
 // Position of the key that a reference names, if the card has such a position.
 std::optional<std::size_t> positionOf(std::uint8_t reference, std::uint8_t first)

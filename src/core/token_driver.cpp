@@ -3,7 +3,9 @@
 #include "src/core/bytes.h"
 #include "src/core/readers.h"
 #include "src/objects/attr_blocks.h"
+#include "src/tokens/et72k/et72k.h"
 #include "src/tokens/idc/idc.h"
+#include "src/tokens/jc/jc.h"
 #include "src/tokens/kt/kt.h"
 
 TokenDriver stVELTTokens{};
@@ -18,9 +20,10 @@ std::uint64_t fVELTTokensInit(TokenDriver* table, std::uint64_t tokenType) noexc
         *table = driverKT;
         break;
     case TOKEN_ET72K:
-    case TOKEN_JC: // families without operations yet: each answers CKR_FUNCTION_NOT_SUPPORTED
-        *table = {};
-        table->type = tokenType;
+        *table = driverET72K;
+        break;
+    case TOKEN_JC:
+        *table = driverJC;
         break;
     default:
         table->type = TOKEN_NONE; // Kept: the operations of the family before stay.

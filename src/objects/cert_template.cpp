@@ -28,10 +28,20 @@ const ObjectEntry* findLabel(ByteView text) noexcept
     return nullptr;
 }
 
-CK_RV readLabel(const CK_ATTRIBUTE& attribute, CertificateTemplate& request) noexcept
+// Passes the message of a value that ends the reading, if there is one.
+CK_RV refuseValue(const char* message) noexcept
 {
-    if (attribute.ulValueLen > MAX_TEMPLATE_LABEL ||
-        (attribute.pValue == nullptr && attribute.ulValueLen != 0)) {
+    return message == nullptr ? CKR_ATTRIBUTE_VALUE_INVALID
+                              : report(message, CKR_ATTRIBUTE_VALUE_INVALID);
+}
+
+CK_RV readLabel(const CK_ATTRIBUTE& attribute, const char* longLabel,
+                CertificateTemplate& request) noexcept
+{
+    if (attribute.ulValueLen > MAX_TEMPLATE_LABEL) {
+        return refuseValue(longLabel);
+    }
+    if (attribute.pValue == nullptr && attribute.ulValueLen != 0) {
         return CKR_ATTRIBUTE_VALUE_INVALID;
     }
     if (const ObjectEntry* key = findLabel({bytesOf(attribute), attribute.ulValueLen});
@@ -43,12 +53,17 @@ CK_RV readLabel(const CK_ATTRIBUTE& attribute, CertificateTemplate& request) noe
     return CKR_OK;
 }
 
-CK_RV readId(const CK_ATTRIBUTE& attribute, CertificateTemplate& request) noexcept
+CK_RV readId(const CK_ATTRIBUTE& attribute, const char* badId,
+             CertificateTemplate& request) noexcept
 {
-    if (attribute.ulValueLen != 1 || attribute.pValue == nullptr) {
+    if (attribute.ulValueLen != 1) {
+        return refuseValue(badId);
+    }
+    if (attribute.pValue == nullptr) {
         return CKR_ATTRIBUTE_VALUE_INVALID;
     }
-    request.id = *bytesOf(attribute);
+    request.statedId = *bytesOf(attribute);
+    request.id = request.statedId;
     ++request.counted;
     return CKR_OK;
 }
@@ -90,7 +105,7 @@ CK_RV readCertValue(const CK_ATTRIBUTE& attribute, CertificateTemplate& request)
     return CKR_OK;
 }
 
-CK_RV readCertificateTemplate(Attributes attributes, const char* unknownType,
+CK_RV readCertificateTemplate(Attributes attributes, const TemplateMessages& messages,
                               CertificateTemplate& request) noexcept
 {
     for (const CK_ATTRIBUTE& attribute : attributes) {
@@ -103,16 +118,16 @@ CK_RV readCertificateTemplate(Attributes attributes, const char* unknownType,
             result = readCertToken(attribute, request);
             break;
         case CKA_LABEL:
-            result = readLabel(attribute, request);
+            result = readLabel(attribute, messages.longLabel, request);
             break;
         case CKA_VALUE:
             result = readCertValue(attribute, request);
             break;
         case CKA_ID:
-            result = readId(attribute, request);
+            result = readId(attribute, messages.badId, request);
             break;
         default:
-            note(unknownType, attribute.type);
+            note(messages.unknownType, attribute.type);
             break;
         }
         if (result != CKR_OK) {

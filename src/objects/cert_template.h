@@ -21,6 +21,7 @@ inline constexpr std::size_t MAX_TEMPLATE_LABEL = 40;
 struct CertificateTemplate {
     ByteView value{};                   // the DER certificate, the host's memory
     std::uint8_t id = NO_CERT_ID;       // the last of CKA_ID and of keys found by label
+    std::uint8_t statedId = NO_CERT_ID; // the last CKA_ID
     const ObjectEntry* named = nullptr; // the last key found by label
     std::size_t counted = 0;
 };
@@ -32,10 +33,17 @@ CK_RV readCertClass(const CK_ATTRIBUTE& attribute, CertificateTemplate& request)
 CK_RV readCertToken(const CK_ATTRIBUTE& attribute, CertificateTemplate& request) noexcept;
 CK_RV readCertValue(const CK_ATTRIBUTE& attribute, CertificateTemplate& request) noexcept;
 
+// The messages that a family passes; NULL for none.
+struct TemplateMessages {
+    const char* unknownType; // passed with the type
+    const char* longLabel = nullptr;
+    const char* badId = nullptr;
+};
+
 // Reads a whole template in which an existing key's label or ID chooses the place. A label of more
-// than 40 bytes or an ID that is not one byte ends it with CKR_ATTRIBUTE_VALUE_INVALID; other types
-// pass `unknownType` with the type and do not count.
-CK_RV readCertificateTemplate(Attributes attributes, const char* unknownType,
+// than 40 bytes or an ID that is not one byte ends it with CKR_ATTRIBUTE_VALUE_INVALID; attributes
+// of other types do not count.
+CK_RV readCertificateTemplate(Attributes attributes, const TemplateMessages& messages,
                               CertificateTemplate& request) noexcept;
 
 } // namespace velt

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <span>
 
 ObjectEntry* VELTObj = nullptr;
@@ -139,15 +140,26 @@ bool rebuildObjects(std::size_t entries) noexcept
     if (entries == 0) {
         return true; // a token without objects has no table
     }
+    return growObjects(entries);
+}
+
+bool growObjects(std::size_t entries) noexcept
+{
+    const std::size_t before = objectTableSize();
+    if (entries <= before) {
+        return true;
+    }
     if (!coverPositions(entries)) {
         return false;
     }
-    VELTObj = static_cast<ObjectEntry*>(std::calloc(entries, sizeof(ObjectEntry)));
-    if (VELTObj == nullptr) {
+    void* room = reallocarray(VELTObj, entries, sizeof(ObjectEntry));
+    if (room == nullptr) {
         return false;
     }
+    VELTObj = static_cast<ObjectEntry*>(room);
     tableSize = entries;
-    for (ObjectEntry& entry : table()) {
+    for (ObjectEntry& entry : table().subspan(before)) {
+        std::memset(&entry, 0, sizeof entry);
         entry.handle = REMOVED_MARKER;
     }
     return true;

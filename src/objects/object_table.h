@@ -67,6 +67,10 @@ PrivKeyAttr* privateKeyOf(ObjectEntry* entry) noexcept;
 // for 0 there is no table. ulObjCount becomes 0. False: out of memory, and there is no table.
 bool rebuildObjects(std::size_t entries) noexcept;
 
+// Gives the table room for as many entries; those there stay, new ones are empty. False: out of
+// memory, and nothing has changed.
+bool growObjects(std::size_t entries) noexcept;
+
 // Allocates a zeroed class block for an entry; NULL when memory ran out.
 CertAttr* attachCertificate(ObjectEntry& entry) noexcept;
 PubKeyAttr* attachPublicKey(ObjectEntry& entry) noexcept;

@@ -69,6 +69,19 @@ TEST_F(TableMemory, ARebuildWithoutMemoryLeavesNoTable)
     EXPECT_EQ(5U, velt::objectTableSize());
 }
 
+TEST_F(TableMemory, WithoutMemoryToGrowTheTableStaysAsItWas)
+{
+    makeFiveObjects();
+    const ObjectEntry* const before = VELTObj;
+    for (const std::size_t failingCall : {1U, 2U}) { // the search's marks, then the table
+        const FailingAllocation failing(failingCall);
+        EXPECT_FALSE(velt::growObjects(failingCall * 5000));
+    }
+    EXPECT_EQ(before, VELTObj);
+    EXPECT_EQ(5U, ulObjCount);
+    EXPECT_EQ(5U, velt::objectTableSize());
+}
+
 TEST_F(TableMemory, ASecondBlockReplacesTheFirst)
 {
     makeTable(1);

@@ -133,6 +133,33 @@ TEST_F(ObjectTable, ANewTableIsZeroedAndMarkedAsEmpty)
     }
 }
 
+TEST_F(ObjectTable, AGrowingTableKeepsItsObjectsAndTheNewEntriesAreEmpty)
+{
+    makeFiveObjects();
+    const std::vector<ObjectEntry> before(VELTObj, VELTObj + 5);
+    ASSERT_TRUE(velt::growObjects(300));
+    EXPECT_EQ(5U, ulObjCount);
+    ASSERT_EQ(300U, velt::objectTableSize());
+    EXPECT_EQ(0, std::memcmp(before.data(), VELTObj, 5 * sizeof(ObjectEntry)));
+    ObjectEntry empty;
+    std::memset(&empty, 0, sizeof empty);
+    empty.handle = 0x4B5A0000;
+    for (std::uint64_t position = 5; position < 300; ++position) {
+        EXPECT_EQ(0, std::memcmp(&empty, velt::entryAt(position), sizeof empty)) << position;
+    }
+    EXPECT_EQ(nullptr, velt::entryAt(300));
+}
+
+TEST_F(ObjectTable, ATableNeverShrinksByGrowing)
+{
+    makeFiveObjects();
+    const ObjectEntry* before = VELTObj;
+    ASSERT_TRUE(velt::growObjects(5));
+    ASSERT_TRUE(velt::growObjects(0));
+    EXPECT_EQ(before, VELTObj);
+    EXPECT_EQ(5U, velt::objectTableSize());
+}
+
 TEST_F(ObjectTable, EntriesAreFoundInsideTheTableOnly)
 {
     makeTable(5);

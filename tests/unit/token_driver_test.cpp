@@ -5,7 +5,10 @@
 #include "src/core/token_driver.h"
 #include "src/front/state.h"
 #include "src/objects/attr_blocks.h"
+#include "src/tokens/et72k/et72k.h"
 #include "src/tokens/idc/idc.h"
+#include "src/tokens/jc/jc.h"
+#include "src/tokens/kt/kt.h"
 #include "tests/support/codes.h"
 #include "tests/support/fake_driver.h"
 #include "tests/support/fields.h"
@@ -50,6 +53,66 @@ TEST_F(DriverTable, AnIdCardFillsEachSlotWithItsOwnOperation)
     EXPECT_EQ(fGenerateRandomIDC, table.GenerateRandom);
     EXPECT_EQ(fGetPublicKeyIDC, table.GetPublicKey);
     EXPECT_EQ(fGetCertificateIDC, table.GetCertificate);
+}
+
+TEST_F(DriverTable, AKaztokenFillsEachSlotWithItsOwnOperation)
+{
+    TokenDriver table = fake::driver(TOKEN_IDC);
+    EXPECT_EQ(0U, fVELTTokensInit(&table, TOKEN_KT));
+    EXPECT_EQ(TOKEN_KT, table.type);
+    EXPECT_EQ(fGetTokenInfoKT, table.GetTokenInfo);
+    EXPECT_EQ(fGetMechanismListKT, table.GetMechanismList);
+    EXPECT_EQ(fLoginKT, table.Login);
+    EXPECT_EQ(fLogoutKT, table.Logout);
+    EXPECT_EQ(fObjectsInitKT, table.ObjectsInit);
+    EXPECT_EQ(fCreateObjectKT, table.CreateObject);
+    EXPECT_EQ(fGenerateKeyPairKT, table.GenerateKeyPair);
+    EXPECT_EQ(fSignInitKT, table.SignInit);
+    EXPECT_EQ(fSignKT, table.Sign);
+    EXPECT_EQ(fDestroyObjectKT, table.DestroyObject);
+    EXPECT_EQ(fGenerateRandomKT, table.GenerateRandom);
+    EXPECT_EQ(fGetPublicKeyKT, table.GetPublicKey);
+    EXPECT_EQ(fGetCertificateKT, table.GetCertificate);
+}
+
+TEST_F(DriverTable, AJaCartaFillsEachSlotWithItsOwnOperation)
+{
+    TokenDriver table = fake::driver(TOKEN_IDC);
+    EXPECT_EQ(0U, fVELTTokensInit(&table, TOKEN_JC));
+    EXPECT_EQ(TOKEN_JC, table.type);
+    EXPECT_EQ(fGetTokenInfoJC, table.GetTokenInfo);
+    EXPECT_EQ(fGetMechanismListJC, table.GetMechanismList);
+    EXPECT_EQ(fLoginJC, table.Login);
+    EXPECT_EQ(fLogoutJC, table.Logout);
+    EXPECT_EQ(fObjectsInitJC, table.ObjectsInit);
+    EXPECT_EQ(fCreateObjectJC, table.CreateObject);
+    EXPECT_EQ(fGenerateKeyPairJC, table.GenerateKeyPair);
+    EXPECT_EQ(fSignInitJC, table.SignInit);
+    EXPECT_EQ(fSignJC, table.Sign);
+    EXPECT_EQ(fDestroyObjectJC, table.DestroyObject);
+    EXPECT_EQ(fGenerateRandomJC, table.GenerateRandom);
+    EXPECT_EQ(fGetPublicKeyJC, table.GetPublicKey);
+    EXPECT_EQ(fGetCertificateJC, table.GetCertificate);
+}
+
+TEST_F(DriverTable, AnEToken72KFillsEachSlotWithItsOwnOperation)
+{
+    TokenDriver table = fake::driver(TOKEN_IDC);
+    EXPECT_EQ(0U, fVELTTokensInit(&table, TOKEN_ET72K));
+    EXPECT_EQ(TOKEN_ET72K, table.type);
+    EXPECT_EQ(fGetTokenInfoET72K, table.GetTokenInfo);
+    EXPECT_EQ(fGetMechanismListET72K, table.GetMechanismList);
+    EXPECT_EQ(fLoginET72K, table.Login);
+    EXPECT_EQ(fLogoutET72K, table.Logout);
+    EXPECT_EQ(fObjectsInitET72K, table.ObjectsInit);
+    EXPECT_EQ(fCreateObjectET72K, table.CreateObject);
+    EXPECT_EQ(fGenerateKeyPairET72K, table.GenerateKeyPair);
+    EXPECT_EQ(fSignInitET72K, table.SignInit);
+    EXPECT_EQ(fSignET72K, table.Sign);
+    EXPECT_EQ(fDestroyObjectET72K, table.DestroyObject);
+    EXPECT_EQ(fGenerateRandomET72K, table.GenerateRandom);
+    EXPECT_EQ(fGetPublicKeyET72K, table.GetPublicKey);
+    EXPECT_EQ(fGetCertificateET72K, table.GetCertificate);
 }
 
 TEST_F(DriverTable, EveryFamilyReplacesTheWholeTable)

@@ -1,8 +1,8 @@
 // Loading the card's objects: certificate, public and private key of each key pair, at positions
 // that never change.
 #include "src/front/debug.h"
-#include "src/objects/object_table.h"
 #include "src/objects/stored_cert.h"
+#include "src/objects/token_objects.h"
 #include "src/tokens/idc/idc.h"
 #include "src/tokens/idc/idc_apdu.h"
 #include "src/tokens/idc/idc_files.h"
@@ -13,17 +13,16 @@ using velt::ByteRoom;
 using velt::ByteView;
 using velt::exchange;
 using velt::IdcKeyPair;
+using velt::LOAD_CARD_FAILURE;
+using velt::LOAD_DONE;
+using velt::LOAD_NO_MEMORY;
 
 namespace {
 
 constexpr std::size_t TABLE_SIZE = 10;
 static_assert(IDC_ALIAS_SIZE == LABEL_SIZE);
 
-// Results of a load.
-constexpr CK_RV LOAD_DONE = 0;
-constexpr CK_RV LOAD_NO_MEMORY = 1;
-constexpr CK_RV LOAD_CARD_FAILURE = 2;
-constexpr CK_RV LOAD_NO_ALIASES = 6;
+constexpr CK_RV LOAD_NO_ALIASES = 6; // a load's result of this family alone
 
 // Fills what all classes have and counts the object; its block is there already.
 void makeEntry(std::size_t position, CK_OBJECT_CLASS objClass, const IdcKeyPair& pair) noexcept

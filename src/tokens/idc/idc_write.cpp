@@ -1,10 +1,8 @@
 // Writing to the card: a certificate, or a new key pair with its label.
-#include "src/core/session.h"
 #include "src/front/debug.h"
-#include "src/front/state.h"
 #include "src/objects/cert_template.h"
-#include "src/objects/object_table.h"
 #include "src/objects/stored_cert.h"
+#include "src/objects/token_objects.h"
 #include "src/tokens/idc/idc.h"
 #include "src/tokens/idc/idc_apdu.h"
 #include "src/tokens/idc/idc_files.h"
@@ -170,18 +168,17 @@ CK_RV generateOnCard(CK_SESSION_HANDLE hSession, std::uint8_t keyId) noexcept
     return CKR_OK;
 }
 
+// Kept: labels that cannot be read back are no failure of the generation.
 CK_RV reloadObjects(CK_SESSION_HANDLE hSession) noexcept
 {
-    constexpr std::uint64_t NO_MEMORY = 1;
-    constexpr std::uint64_t CARD_FAILURE = 2;
-    oiFlags |= RELOAD_OBJECTS;
-    switch (VELTObjectsInit(hSession, velt::sessionTokenType(hSession))) {
-    case NO_MEMORY:
-        return report("IDCard GenerateKeyPair CKR_HOST_MEMORY", CKR_HOST_MEMORY);
-    case CARD_FAILURE:
-        return report("IDCard GenerateKeyPair CKR_DEVICE_ERROR", CKR_DEVICE_ERROR);
+    const CK_RV result = velt::reloadAfterGeneration(hSession);
+    switch (result) {
+    case CKR_HOST_MEMORY:
+        return report("IDCard GenerateKeyPair CKR_HOST_MEMORY", result);
+    case CKR_DEVICE_ERROR:
+        return report("IDCard GenerateKeyPair CKR_DEVICE_ERROR", result);
     default:
-        return CKR_OK; // Kept: labels that cannot be read back are no failure of the generation.
+        return result;
     }
 }
 

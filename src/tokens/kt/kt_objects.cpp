@@ -1,8 +1,8 @@
 // Loading the token's objects from the map file's records, and what is read on first use: public
 // keys and certificates.
 #include "src/front/debug.h"
-#include "src/objects/object_table.h"
 #include "src/objects/stored_cert.h"
+#include "src/objects/token_objects.h"
 #include "src/tokens/kt/kt.h"
 #include "src/tokens/kt/kt_apdu.h"
 #include "src/tokens/kt/kt_files.h"
@@ -12,123 +12,65 @@
 using velt::ByteRoom;
 using velt::ByteView;
 using velt::exchange;
+using velt::LOAD_CARD_FAILURE;
+using velt::LOAD_DONE;
+using velt::LOAD_NO_MEMORY;
 using velt::report;
 
 namespace {
 
 constexpr std::size_t ENTRIES_PER_RECORD = 3; // public key, private key, certificate
 
-// Results of a load.
-constexpr CK_RV LOAD_DONE = 0;
-constexpr CK_RV LOAD_NO_MEMORY = 1;
-constexpr CK_RV LOAD_TOKEN_FAILURE = 2;
-
-// A record of the map file.
-struct Record {
-    std::uint8_t id;
-    ByteView label;
-};
-
-Record recordAt(std::size_t position) noexcept
+// What a record of the map file lists: an ID byte, then the label, which is the name, too.
+velt::TokenObject listedAt(std::size_t position) noexcept
 {
     const ByteView record = ByteView{tmpLabel[position]}.first(tmpLabelLen[position]);
-    return {.id = tmpLabel[position][0], .label = record.subspan(record.empty() ? 0 : 1)};
-}
-
-ObjectEntry& nextEntry() noexcept
-{
-    return *velt::entryAt(ulObjCount);
-}
-
-// Fills what all classes have and counts the object; its block is there already.
-void makeEntry(const Record& record, CK_OBJECT_CLASS objClass) noexcept
-{
-    ObjectEntry& entry = nextEntry();
-    entry.handle = ++ulObjCount;
-    entry.familyCode = FAMILY_CODE_KT;
-    entry.objClass = objClass;
-    entry.isPrivate = CK_FALSE;
-    velt::copyBounded(entry.label, record.label);
-    entry.cardNameLen = velt::copyBounded(entry.cardName, record.label);
-    entry.isToken = CK_TRUE;
-    entry.isModifiable = CK_FALSE;
-    entry.id[0] = record.id;
-}
-
-CK_RV addPublicKey(const Record& record, CK_KEY_TYPE keyType) noexcept
-{
-    PubKeyAttr* attr = velt::attachPublicKey(nextEntry());
-    if (attr == nullptr) {
-        return LOAD_NO_MEMORY;
-    }
-    *attr = pubKeyAttrTempl;
-    attr->keyType = keyType;
-    makeEntry(record, CKO_PUBLIC_KEY);
-    return LOAD_DONE;
-}
-
-CK_RV addPrivateKey(const Record& record, CK_KEY_TYPE keyType) noexcept
-{
-    PrivKeyAttr* attr = velt::attachPrivateKey(nextEntry());
-    if (attr == nullptr) {
-        return LOAD_NO_MEMORY;
-    }
-    *attr = privKeyAttrTempl;
-    attr->keyType = keyType;
-    makeEntry(record, CKO_PRIVATE_KEY);
-    return LOAD_DONE;
-}
-
-CK_RV addCertificate(const Record& record) noexcept
-{
-    CertAttr* attr = velt::attachCertificate(nextEntry());
-    if (attr == nullptr) {
-        return LOAD_NO_MEMORY;
-    }
-    *attr = certAttrTempl;
-    makeEntry(record, CKO_CERTIFICATE);
-    return LOAD_DONE;
+    const ByteView label = record.subspan(record.empty() ? 0 : 1);
+    return {.familyCode = FAMILY_CODE_KT,
+            .label = label,
+            .cardName = label,
+            .id = tmpLabel[position][0]};
 }
 
 // Kept: a GOST private key stands before its public key, an RSA one behind it. A short reply is
 // judged by what earlier ones left in its place.
-CK_RV addKeys(const Record& record) noexcept
+CK_RV addKeys(const velt::TokenObject& object) noexcept
 {
     const ByteView kind = ByteView{pbyOutput}.subspan<KT_FCP_KIND_POSITION, 3>();
     if (std::ranges::equal(kind, KT_RSA_KEY_FILE)) {
-        const CK_RV made = addPublicKey(record, CKK_RSA);
-        return made == LOAD_DONE ? addPrivateKey(record, CKK_RSA) : made;
+        const CK_RV made = velt::appendPublicKey(object, CKK_RSA);
+        return made == LOAD_DONE ? velt::appendPrivateKey(object, CKK_RSA, CK_FALSE) : made;
     }
     if (std::ranges::equal(kind, KT_GOST_KEY_FILE)) {
-        const CK_RV made = addPrivateKey(record, CKK_VELT_GOST);
-        return made == LOAD_DONE ? addPublicKey(record, CKK_VELT_GOST) : made;
+        const CK_RV made = velt::appendPrivateKey(object, CKK_VELT_GOST, CK_FALSE);
+        return made == LOAD_DONE ? velt::appendPublicKey(object, CKK_VELT_GOST) : made;
     }
     return LOAD_DONE;
 }
 
-CK_RV loadRecord(CK_SESSION_HANDLE hSession, const Record& record) noexcept
+CK_RV loadListed(CK_SESSION_HANDLE hSession, const velt::TokenObject& object) noexcept
 {
     std::uint64_t result =
-        exchange(hSession, ktSelectFileFcp(KT_DIR_KEY, record.id), KT_REPLY_BLOCK);
+        exchange(hSession, ktSelectFileFcp(KT_DIR_KEY, object.id), KT_REPLY_BLOCK);
     if (result != 0) {
         return report("KAZTOKEN ObjectsInit 2 APDU select map file error ", result,
-                      LOAD_TOKEN_FAILURE);
+                      LOAD_CARD_FAILURE);
     }
-    const CK_RV made = addKeys(record);
+    const CK_RV made = addKeys(object);
     if (made != LOAD_DONE) {
         return made;
     }
-    result = exchange(hSession, ktSelectFileFcp(KT_DIR_CERTIFICATE, record.id), KT_REPLY_BLOCK);
+    result = exchange(hSession, ktSelectFileFcp(KT_DIR_CERTIFICATE, object.id), KT_REPLY_BLOCK);
     if (result != 0) {
         return report("KAZTOKEN ObjectsInit APDU no certificate ", result, LOAD_DONE);
     }
-    return addCertificate(record);
+    return velt::appendCertificate(object);
 }
 
-CK_RV loadRecords(CK_SESSION_HANDLE hSession) noexcept
+CK_RV loadAll(CK_SESSION_HANDLE hSession) noexcept
 {
     for (std::size_t position = 0; position < tmpObjCount; ++position) {
-        const CK_RV result = loadRecord(hSession, recordAt(position));
+        const CK_RV result = loadListed(hSession, listedAt(position));
         if (result != LOAD_DONE) {
             return result;
         }
@@ -146,39 +88,28 @@ void storeModulus(PubKeyAttr& key) noexcept
     key.modulusBits = 8 * length;
 }
 
-CK_RV readRsaKey(CK_SESSION_HANDLE hSession, std::uint8_t id, PubKeyAttr& key) noexcept
+CK_RV readRsaKey(CK_SESSION_HANDLE hSession, const ObjectEntry& entry, PubKeyAttr& key) noexcept
 {
-    const std::uint64_t result = exchange(hSession, ktReadPublicKey(id, KT_LE_RSA), KT_REPLY_BLOCK);
+    const std::uint64_t result =
+        exchange(hSession, ktReadPublicKey(entry.id[0], KT_LE_RSA), KT_REPLY_BLOCK);
     if (result != 0) {
         return report("KAZTOKEN GetPublicKey APDU get RSA public key error ", result,
-                      LOAD_TOKEN_FAILURE);
+                      LOAD_CARD_FAILURE);
     }
     storeModulus(key);
     return LOAD_DONE;
 }
 
-CK_RV readGostKey(CK_SESSION_HANDLE hSession, std::uint8_t id, PubKeyAttr& key) noexcept
+CK_RV readGostKey(CK_SESSION_HANDLE hSession, const ObjectEntry& entry, PubKeyAttr& key) noexcept
 {
     const std::uint64_t result =
-        exchange(hSession, ktReadPublicKey(id, KT_LE_GOST_KEY), KT_REPLY_GOST);
+        exchange(hSession, ktReadPublicKey(entry.id[0], KT_LE_GOST_KEY), KT_REPLY_GOST);
     if (result != 0) {
         return report("KAZTOKEN GetPublicKey APDU get GOST public key error ", result,
-                      LOAD_TOKEN_FAILURE);
+                      LOAD_CARD_FAILURE);
     }
     key.valueLen = velt::copyBounded(key.value, velt::replyData());
     return LOAD_DONE;
-}
-
-CK_RV readKey(CK_SESSION_HANDLE hSession, std::uint8_t id, PubKeyAttr& key) noexcept
-{
-    switch (key.keyType) {
-    case CKK_RSA:
-        return readRsaKey(hSession, id, key);
-    case CKK_VELT_GOST:
-        return readGostKey(hSession, id, key);
-    default:
-        return LOAD_DONE;
-    }
 }
 
 // Kept: read to its end even where the buffer has no room for all of it, which then is no
@@ -191,12 +122,12 @@ CK_RV readCertificate(CK_SESSION_HANDLE hSession, CertAttr& attr) noexcept
                                {.block = "KAZTOKEN GetCertificate APDU read cert error ",
                                 .rest = "KAZTOKEN GetCertificate APDU select map file error "});
     if (reading.end != velt::FileReading::End::Done) {
-        return LOAD_TOKEN_FAILURE;
+        return LOAD_CARD_FAILURE;
     }
     velt::ExpandedCertificate expanded;
     if (!reading.fits || !velt::isConverted(velt::expandCertificate(
                              ByteView{stored}.first(reading.total), expanded))) {
-        return report("KAZTOKEN GetCertificate cert ungzip error ", LOAD_TOKEN_FAILURE);
+        return report("KAZTOKEN GetCertificate cert ungzip error ", LOAD_CARD_FAILURE);
     }
     velt::storeCertificate(attr, expanded);
     return LOAD_DONE;
@@ -214,22 +145,15 @@ CK_RV fObjectsInitKT(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession) noexcep
     if (!velt::rebuildObjects(tmpObjCount * ENTRIES_PER_RECORD)) {
         return LOAD_NO_MEMORY;
     }
-    const CK_RV loaded = loadRecords(hSession);
+    const CK_RV loaded = loadAll(hSession);
     return loaded == LOAD_DONE ? report("KAZTOKEN ObjectsInit CKR_OK", LOAD_DONE) : loaded;
 }
 
 CK_RV fGetPublicKeyKT(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession,
                       CK_OBJECT_HANDLE hObject) noexcept
 {
-    ObjectEntry* entry = velt::entryOf(hObject);
-    PubKeyAttr* key = velt::publicKeyOf(entry);
-    if (key != nullptr) {
-        const CK_RV result = readKey(hSession, entry->id[0], *key);
-        if (result != LOAD_DONE) {
-            return result;
-        }
-    }
-    return report("KAZTOKEN GetPublicKey CKR_OK", CKR_OK);
+    return velt::readPublicKey(hSession, hObject, readRsaKey, readGostKey,
+                               "KAZTOKEN GetPublicKey CKR_OK");
 }
 
 CK_RV fGetCertificateKT(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession,
@@ -246,7 +170,7 @@ CK_RV fGetCertificateKT(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession,
     std::uint64_t result =
         exchange(hSession, ktSelectFileFcp(KT_DIR_CERTIFICATE, entry->id[0]), KT_REPLY_BLOCK);
     if (result != 0) {
-        return report("KAZTOKEN GetCertificate APDU no certificate ", result, LOAD_TOKEN_FAILURE);
+        return report("KAZTOKEN GetCertificate APDU no certificate ", result, LOAD_CARD_FAILURE);
     }
     result = TLVParser();
     if (result != 0) {

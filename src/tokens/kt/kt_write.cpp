@@ -1,15 +1,13 @@
 // What changes the token: writing a certificate, making a key pair, destroying one.
-#include "src/core/session.h"
 #include "src/front/debug.h"
-#include "src/front/state.h"
 #include "src/objects/cert_template.h"
-#include "src/objects/object_table.h"
 #include "src/objects/stored_cert.h"
+#include "src/objects/token_objects.h"
 #include "src/tokens/kt/kt.h"
 #include "src/tokens/kt/kt_apdu.h"
 #include "src/tokens/kt/kt_files.h"
 
-#include <algorithm>
+#include <array>
 
 using velt::ByteRoom;
 using velt::ByteView;
@@ -31,8 +29,8 @@ using MapRecord = std::array<std::uint8_t, RECORD_LENGTH>;
 
 CK_RV readTemplate(velt::Attributes attributes, velt::CertificateTemplate& request) noexcept
 {
-    const CK_RV result =
-        velt::readCertificateTemplate(attributes, "KAZTOKEN CreateObject unknown type: ", request);
+    const CK_RV result = velt::readCertificateTemplate(
+        attributes, {.unknownType = "KAZTOKEN CreateObject unknown type: "}, request);
     if (result != CKR_OK) {
         return result;
     }
@@ -173,46 +171,12 @@ CK_RV generateGost(CK_SESSION_HANDLE hSession, std::uint8_t id) noexcept
     return CKR_OK;
 }
 
-// Loads the objects with the new key pair among them.
-CK_RV reloadObjects(CK_SESSION_HANDLE hSession) noexcept
-{
-    constexpr std::uint64_t NO_MEMORY = 1;
-    constexpr std::uint64_t TOKEN_FAILURE = 2;
-    oiFlags |= RELOAD_OBJECTS;
-    switch (VELTObjectsInit(hSession, velt::sessionTokenType(hSession))) {
-    case NO_MEMORY:
-        return CKR_HOST_MEMORY;
-    case TOKEN_FAILURE:
-        return CKR_DEVICE_ERROR;
-    default:
-        return CKR_OK;
-    }
-}
-
-void findNewKeyPair(const MapRecord& record, CK_OBJECT_HANDLE* phPublicKey,
-                    CK_OBJECT_HANDLE* phPrivateKey) noexcept
-{
-    for (std::uint64_t position = 0; position < ulObjCount; ++position) {
-        const ObjectEntry* entry = velt::entryAt(position);
-        if (entry == nullptr ||
-            !velt::equalText(entry->label, record.data() + 1, LABEL_LENGTH + 1)) {
-            continue;
-        }
-        if (entry->objClass == CKO_PUBLIC_KEY && phPublicKey != nullptr) {
-            *phPublicKey = entry->handle;
-        }
-        if (entry->objClass == CKO_PRIVATE_KEY && phPrivateKey != nullptr) {
-            *phPrivateKey = entry->handle;
-        }
-    }
-}
-
 // Takes the key pair's record out of the map file.
 std::uint64_t unlistKeyPair(CK_SESSION_HANDLE hSession, const ObjectEntry& entry) noexcept
 {
     std::array<std::uint8_t, 1 + CARD_NAME_SIZE> record{entry.id[0]};
-    const std::size_t length = std::min<std::size_t>(entry.cardNameLen, CARD_NAME_SIZE);
-    velt::copyBounded(ByteRoom{record}.subspan(1), ByteView{entry.cardName}.first(length));
+    const std::size_t length =
+        velt::copyBounded(ByteRoom{record}.subspan(1), velt::cardNameOf(entry));
     return updateMapFile(hSession, MAP_REMOVE, mapFile.data(), mapFileLen, record.data(),
                          1 + length);
 }
@@ -270,11 +234,11 @@ CK_RV fGenerateKeyPairKT(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession,
     if (result != CKR_OK) {
         return result;
     }
-    result = reloadObjects(hSession);
+    result = velt::reloadAfterGeneration(hSession);
     if (result != CKR_OK) {
         return result;
     }
-    findNewKeyPair(record, phPublicKey, phPrivateKey);
+    velt::tellKeyPair(&ObjectEntry::label, ByteView{record}.subspan(1), phPublicKey, phPrivateKey);
     return report("KAZTOKEN GenerateKeyPair CKR_OK", CKR_OK);
 }
 
