@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-static constexpr std::array<const Family*, 1> FAMILIES{&idCardFamily};
+static constexpr std::array<const Family*, 2> FAMILIES{&idCardFamily, &kazTokenFamily};
 
 std::span<const Family* const> allFamilies()
 {

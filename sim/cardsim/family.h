@@ -45,6 +45,7 @@ struct Family {
 };
 
 extern const Family idCardFamily;
+extern const Family kazTokenFamily;
 
 std::span<const Family* const> allFamilies();
 const Family* findFamily(std::string_view name); // null if there is none of this name
