@@ -217,7 +217,7 @@ Bytes AppletCard::carryOut(Data command)
     return status(instructionKnown ? WRONG_PARAMETERS : UNKNOWN_INSTRUCTION);
 }
 
-std::string AppletCard::words(std::span<const std::uint8_t> command) const
+std::string AppletCard::words(std::span<const Instruction> known, Data command)
 {
     if (command.size() < HEADER_LENGTH) {
         return "incomplete command";
@@ -225,7 +225,7 @@ std::string AppletCard::words(std::span<const std::uint8_t> command) const
     if (command[0] == ISO_CLASS && command[1] == SELECT) {
         return "select applet " + toHex(command.subspan(HEADER_LENGTH));
     }
-    for (const Instruction& row : instructions()) {
+    for (const Instruction& row : known) {
         if (command[0] != APPLET_CLASS || row.code != command[1] || row.p1 != command[2] ||
             row.p2 != command[3]) {
             continue;

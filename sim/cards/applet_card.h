@@ -59,8 +59,6 @@ public:
     // Grows with every change of what state() gives.
     unsigned long revision() const { return revision_; }
 
-    // What a command asks for, in plain words.
-    std::string words(std::span<const std::uint8_t> command) const;
     // How many bytes at a command's end must not be shown: the PIN of a VERIFY.
     static std::size_t secretLength(std::span<const std::uint8_t> command);
 
@@ -126,6 +124,9 @@ protected:
     // The name as it is sent to the host, and whether a name that the host sent means this one.
     virtual Bytes spokenName(const Bytes& name) const { return name; }
     virtual bool means(Data sent, const Bytes& name) const;
+
+    // What a command asks for, in plain words.
+    static std::string words(std::span<const Instruction> known, Data command);
 
     template <class Derived>
     static constexpr Handler handler(Bytes (Derived::*run)(Data))

@@ -57,7 +57,12 @@ AppletCard::Data Etoken72k::identifier() const
     return APPLET;
 }
 
-std::span<const AppletCard::Instruction> Etoken72k::instructions() const
+std::string Etoken72k::words(std::span<const std::uint8_t> command)
+{
+    return AppletCard::words(table(), command);
+}
+
+std::span<const AppletCard::Instruction> Etoken72k::table()
 {
     using Self = Etoken72k;
     static const std::array<Instruction, 22> TABLE{{

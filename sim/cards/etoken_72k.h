@@ -30,12 +30,16 @@ public:
 
     Bytes atr() const override;
 
+    // What a command asks for, in plain words.
+    static std::string words(std::span<const std::uint8_t> command);
+
 private:
     static constexpr std::size_t PIECE_SIZE = 32;
     static constexpr std::size_t PIECES_IN_BLOCK = BLOCK_SIZE / PIECE_SIZE;
 
     Data identifier() const override;
-    std::span<const Instruction> instructions() const override;
+    static std::span<const Instruction> table();
+    std::span<const Instruction> instructions() const override { return table(); }
     std::string_view stateMagic() const override { return "VELTE721"; }
     void packMore(StateRecords& records) const override;
     void unpackMore(const StateRecords& records) override;

@@ -45,7 +45,12 @@ AppletCard::Data Jacarta::identifier() const
     return APPLET;
 }
 
-std::span<const AppletCard::Instruction> Jacarta::instructions() const
+std::string Jacarta::words(std::span<const std::uint8_t> command)
+{
+    return AppletCard::words(table(), command);
+}
+
+std::span<const AppletCard::Instruction> Jacarta::table()
 {
     static const std::array<Instruction, 15> TABLE{{
         {0x15, 0x20, 0x00, Form::Empty, &Jacarta::initialise, "log out and initialise"},

@@ -18,9 +18,13 @@ public:
 
     Bytes atr() const override;
 
+    // What a command asks for, in plain words.
+    static std::string words(std::span<const std::uint8_t> command);
+
 private:
     Data identifier() const override;
-    std::span<const Instruction> instructions() const override;
+    static std::span<const Instruction> table();
+    std::span<const Instruction> instructions() const override { return table(); }
     std::string_view stateMagic() const override { return "VELTJCA1"; }
 
     Bytes rsaPublicKey(Data data);

@@ -1,5 +1,7 @@
 #include "sim/cardsim/applet_family.h"
 
+#include "sim/cardsim/certificate_options.h"
+
 #include "sim/cards/scripted_card.h"
 
 namespace {
@@ -17,20 +19,6 @@ std::vector<std::string> splitAtCommas(const std::string& list)
     }
     parts.push_back(list.substr(start));
     return parts;
-}
-
-sim::NameAttributes issuerOf(const std::string& shape)
-{
-    if (shape == "two") {
-        return sim::shortIssuer();
-    }
-    if (shape == "six") {
-        return sim::defaultIssuer();
-    }
-    if (shape == "seven") {
-        return sim::longIssuer();
-    }
-    throw UsageError("--issuer takes two, six or seven, not \"" + shape + "\"");
 }
 
 sim::Bytes nameOf(const std::string& text)

@@ -1,11 +1,9 @@
 // What the families with an applet share in velt-cardsim: their options and how they are served.
 #pragma once
 
-#include "sim/cardsim/family.h"
+#include "sim/cardsim/served.h"
 
 #include "sim/cards/applet_card.h"
-
-#include <utility>
 
 // The options that every such family has, for the help.
 inline constexpr std::string_view APPLET_OPTIONS =
@@ -31,38 +29,10 @@ private:
     std::string names_;
 };
 
-// Serves a card of one of these families.
-template <class Token>
-class ServedApplet final : public ServedCard {
-public:
-    template <class Options>
-    explicit ServedApplet(const Options& options) : token_(options)
-    {
-    }
-    sim::Card& card() override { return token_; }
-    sim::Bytes state() const override { return token_.state(); }
-    void restore(std::span<const std::uint8_t> state) override { token_.restore(state); }
-    unsigned long revision() const override { return token_.revision(); }
-    std::string words(std::span<const std::uint8_t> command) const override
-    {
-        return token_.words(command);
-    }
-    std::size_t secretLength(std::span<const std::uint8_t> command) const override
-    {
-        return Token::secretLength(command);
-    }
-
-private:
-    Token token_;
-};
-
-template <class Token, class Options>
+// The card that options and objects make, served.
+template <class ServedKind, class Options>
 std::unique_ptr<ServedCard> makeApplet(const AppletSettings& settings, Options options)
 {
     settings.finish(options);
-    try {
-        return std::make_unique<ServedApplet<Token>>(options);
-    } catch (const std::invalid_argument& error) {
-        throw UsageError(error.what());
-    }
+    return makeServed<ServedKind>(options);
 }

@@ -4,6 +4,8 @@
 
 namespace {
 
+using ServedEtoken72k = Served<sim::Etoken72k, sim::Etoken72k::words, sim::Etoken72k::secretLength>;
+
 constexpr std::string_view OWN_OPTIONS =
     R"(  --serial TEXT             serial number, 1 to 21 characters (ET72K-00421)
   --unterminated-names      names are sent without a zero byte behind them
@@ -33,7 +35,7 @@ public:
     }
     std::unique_ptr<ServedCard> make() const override
     {
-        return makeApplet<sim::Etoken72k>(settings_, options_);
+        return makeApplet<ServedEtoken72k>(settings_, options_);
     }
 
 private:

@@ -45,6 +45,7 @@ struct Family {
 };
 
 extern const Family idCardFamily;
+extern const Family kazTokenFamily;
 extern const Family jacartaFamily;
 extern const Family etoken72kFamily;
 

@@ -4,12 +4,14 @@
 
 namespace {
 
+using ServedJacarta = Served<sim::Jacarta, sim::Jacarta::words, sim::Jacarta::secretLength>;
+
 class JacartaSettings final : public CardSettings {
 public:
     bool take(Arguments& arguments) override { return settings_.take(arguments, options_); }
     std::unique_ptr<ServedCard> make() const override
     {
-        return makeApplet<sim::Jacarta>(settings_, options_);
+        return makeApplet<ServedJacarta>(settings_, options_);
     }
 
 private:

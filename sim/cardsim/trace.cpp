@@ -15,7 +15,7 @@ static std::string statusWords(std::uint8_t first, std::uint8_t second)
     if (first == 0x6C) {
         return "wrong length, " + std::to_string(second) + " is right";
     }
-    if ((status & 0xFFF0U) == 0x63C0) {
+    if ((status & 0xFFF0U) == 0x63C0 || (status & 0xFFF0U) == 0x63F0) {
         return "wrong PIN, attempts left: " + std::to_string(second & 0x0FU);
     }
     switch (status) {
@@ -35,6 +35,10 @@ static std::string statusWords(std::uint8_t first, std::uint8_t second)
         return "refused: no such object or key";
     case 0x6700:
         return "refused: wrong length";
+    case 0x6884:
+        return "refused: this command is not chained";
+    case 0x6981:
+        return "refused: not such a file";
     case 0x6982:
         return "refused: a PIN is needed";
     case 0x6983:
@@ -56,7 +60,8 @@ static std::string statusWords(std::uint8_t first, std::uint8_t second)
     case 0x6A88:
         return "refused: no such object or key";
     case 0x6A89:
-        return "refused: the name is taken";
+    case 0x6A8A:
+        return "refused: it is there already";
     case 0x6B00:
         return "refused: beyond the end of the file";
     case 0x6D00:

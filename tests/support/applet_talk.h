@@ -2,7 +2,7 @@
 #pragma once
 
 #include "sim/cards/applet_card.h"
-#include "sim/cards/scripted_card.h"
+#include "tests/support/card_talk.h"
 
 #include <string>
 #include <vector>
@@ -11,40 +11,15 @@
 
 namespace sim::applet_talk {
 
+using namespace card_talk;
+
 inline constexpr const char* INITIALISE = "80 15 20 00 00";
 inline constexpr const char* COUNT_OBJECTS = "80 12 22 00 00";
-
-inline Bytes answer(Card& card, const std::string& command)
-{
-    return card.transmit(hex(command));
-}
-
-inline std::string ask(Card& card, const std::string& command)
-{
-    return toHex(answer(card, command));
-}
-
-inline void walk(Card& card, const std::vector<std::string>& commands)
-{
-    for (const std::string& command : commands) {
-        ASSERT_EQ("9000", ask(card, command)) << command;
-    }
-}
 
 inline std::string hexByte(std::size_t value)
 {
     const auto byte = static_cast<std::uint8_t>(value);
     return toHex(std::span(&byte, 1));
-}
-
-// A run of equal bytes in hexadecimal.
-inline std::string run(std::size_t count, const std::string& byte)
-{
-    std::string text;
-    for (std::size_t i = 0; i < count; ++i) {
-        text += byte;
-    }
-    return text;
 }
 
 // A short command: header, one byte of length, data.
@@ -74,12 +49,11 @@ inline std::string named(const std::string& header, const Bytes& name,
     return shortCommand(header, "00" + counted(name) + behind);
 }
 
-inline Bytes withoutStatus(Bytes reply)
+// The data of a reply that ends with 90 00.
+inline Bytes dataOf(const Bytes& reply)
 {
-    EXPECT_GE(reply.size(), 2u);
-    EXPECT_EQ("9000", toHex(std::span(reply).last(2)));
-    reply.resize(reply.size() < 2 ? 0 : reply.size() - 2);
-    return reply;
+    EXPECT_THAT(toHex(reply), ::testing::EndsWith("9000"));
+    return withoutStatus(reply);
 }
 
 // 64 bytes, each half of them with its last byte first.

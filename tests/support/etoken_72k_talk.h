@@ -111,7 +111,7 @@ inline Bytes collectPieces(Etoken72k& card, Command command)
     Bytes whole;
     std::string reply = ask(card, command(0));
     for (std::size_t offset = 32; reply.ends_with("9000"); offset += 32) {
-        const Bytes piece = withoutStatus(hex(reply));
+        const Bytes piece = dataOf(hex(reply));
         EXPECT_TRUE(!piece.empty() && piece.size() <= 32);
         whole.insert(whole.end(), piece.begin(), piece.end());
         reply = ask(card, command(offset));

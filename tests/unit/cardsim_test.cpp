@@ -1,5 +1,6 @@
 // The program velt-cardsim, run as a user runs it; the tests play the reader.
 #include "sim/cards/id_card.h"
+#include "sim/cards/kaz_token.h"
 #include "sim/cards/scripted_card.h"
 #include "sim/cards/test_ca.h"
 #include "tests/support/virtual_reader.h"
@@ -140,12 +141,33 @@ constexpr const char* const WRONG_PIN = "00 20 00 02 08 39 38 37 36 30 30 30 30"
 TEST_F(Cardsim, TheHelpNamesEveryOption)
 {
     EXPECT_EQ(0, run({"--help"}));
-    for (const char* const option :
-         {"--family",         "--port",         "--readers",        "--wait",
-          "--state",          "--trace",        "--notice",         "--vanish-after",
-          "--raise-loopback", "--old-atr",      "--new-atr",        "--pin",
-          "--retries",        "--keys",         "--generated-bits", "--empty-certificates",
-          "--certificate1",   "--certificate2", "--issuer",         "--data-object"}) {
+    for (const char* const option : {"--family",
+                                     "--port",
+                                     "--readers",
+                                     "--wait",
+                                     "--state",
+                                     "--trace",
+                                     "--notice",
+                                     "--vanish-after",
+                                     "--raise-loopback",
+                                     "--old-atr",
+                                     "--new-atr",
+                                     "--pin",
+                                     "--retries",
+                                     "--keys",
+                                     "--generated-bits",
+                                     "--empty-certificates",
+                                     "--certificate1",
+                                     "--certificate2",
+                                     "--issuer",
+                                     "--data-object",
+                                     "--wrong-pin-status",
+                                     "--blocked-pin-status",
+                                     "--pairs",
+                                     "--certificate N=FILE",
+                                     "--no-list",
+                                     "--no-list-directory",
+                                     "--end-of-file"}) {
         EXPECT_THAT(output(), HasSubstr(option));
     }
     EXPECT_EQ("", errors());
@@ -174,6 +196,29 @@ TEST_F(Cardsim, WrongOptionsAreExplainedWithExitCode2)
     for (const auto& [arguments, message] : wrong) {
         EXPECT_EQ(2, run(arguments)) << message;
         EXPECT_THAT(errors(), StartsWith("velt-cardsim: "));
+        EXPECT_THAT(errors(), HasSubstr(message));
+    }
+}
+
+TEST_F(Cardsim, WrongOptionsOfTheKaztokenAreExplainedLikewise)
+{
+    const std::vector<std::pair<std::vector<std::string>, const char*>> wrong = {
+        {{"--old-atr"}, "unknown option --old-atr"},
+        {{"--pin="}, "the token's PIN has between 1 and 16 characters"},
+        {{"--retries", "16"}, "--retries takes a number from 1 to 15, not \"16\""},
+        {{"--wrong-pin-status", "63C"}, "--wrong-pin-status takes four hexadecimal digits"},
+        {{"--blocked-pin-status", "69 3"}, "--blocked-pin-status takes four hexadecimal digits"},
+        {{"--pairs", "rsa512"}, "--pairs takes rsa2048, rsa1024, gost2012 and gost2001"},
+        {{"--pairs", "rsa2048,"}, "and gost2001, not \"\""},
+        {{"--certificate", "x"}, "--certificate takes the number of a pair, = and a file"},
+        {{"--certificate", "0=x"}, "--certificate takes a number from 1 to 254, not \"0\""},
+        {{"--certificate", "4=none"}, "--certificate: there is no pair 4"},
+        {{"--certificate", "1=/nowhere"}, "cannot read certificate /nowhere"},
+        {{"--end-of-file", "6A82"}, "--end-of-file takes bare or 6B00, not \"6A82\""},
+        {{"--no-list=yes"}, "--no-list takes no value"}};
+    for (auto [arguments, message] : wrong) {
+        arguments.insert(arguments.begin(), {"--family", "kt"});
+        EXPECT_EQ(2, run(arguments)) << message;
         EXPECT_THAT(errors(), HasSubstr(message));
     }
 }
@@ -355,6 +400,71 @@ TEST_F(Cardsim, EveryReaderGetsACardOfItsOwn)
     EXPECT_EQ("9000", toHex(second.exchange(hex(SELECT_MASTER))));
     EXPECT_EQ("63C2", toHex(second.exchange(hex(WRONG_PIN))));
     EXPECT_EQ(0, end());
+}
+
+TEST_F(Cardsim, ServesAKaztokenMadeAsTheOptionsSay)
+{
+    const sim::Bytes der = sim::authorityCertificate();
+    std::ofstream(path("ca.der"), std::ios::binary) << std::string(der.begin(), der.end());
+    insert({"--family",
+            "kt",
+            "--pin",
+            "0000",
+            "--retries",
+            "3",
+            "--wrong-pin-status",
+            "63C0",
+            "--blocked-pin-status",
+            "6984",
+            "--pairs",
+            "gost2001,fresh-rsa1024,rsa1024",
+            "--empty-certificates",
+            "--certificate",
+            "3=" + path("ca.der"),
+            "--end-of-file",
+            "6B00",
+            "--state",
+            path("state"),
+            "--trace"});
+    EXPECT_EQ("3B88014B415A544F4B454E82", ask("04"));
+    EXPECT_EQ("63C2", ask("00 20 00 02 04 31 32 33 34"));
+    EXPECT_EQ("9000", ask("00 20 00 02 04 30 30 30 30"));
+    EXPECT_EQ("9000", ask("00 22 41 B6 06 91 01 40 84 01 01"));
+    EXPECT_EQ("9000", ask("00 A4 08 04 08 10 00 10 00 60 04 00 03"));
+    EXPECT_EQ("6A82", ask("00 A4 08 04 08 10 00 10 00 60 04 00 01"));
+    EXPECT_EQ("9000", ask("00 E4 00 00"));
+    EXPECT_EQ(0, end());
+
+    sim::KazToken kept;
+    kept.load(path("state"));
+    EXPECT_EQ(sim::Bytes{}, kept.certificate(3)) << "deleted before the program ended";
+    EXPECT_EQ(sim::GostKey::fromTestKey(sim::GostTestKey::First2001).publicKey(),
+              kept.gostKey(1).publicKey());
+    EXPECT_EQ(1024u, kept.rsaKey(2).bits());
+    EXPECT_NE(kept.rsaKey(2).modulus(), kept.rsaKey(3).modulus());
+    EXPECT_EQ(4u + 3u * 34u, kept.list()->size());
+    const std::string port = std::to_string(reader.port());
+    EXPECT_THAT(errors(), HasSubstr(port + " > 0020000204********  verify the PIN\n" + port +
+                                    " < 63C2  wrong PIN, attempts left: 2\n"));
+    EXPECT_THAT(errors(), HasSubstr(port + " > 00E40000  delete the selected file\n"));
+    EXPECT_THAT(errors(), Not(HasSubstr("30303030")));
+}
+
+TEST_F(Cardsim, AKaztokenMayBeEmptyOrWithoutItsList)
+{
+    insert({"--family=kt", "--pairs", "none"});
+    EXPECT_EQ("9000", ask("00 A4 08 04 06 10 00 10 10 10 10"));
+    EXPECT_EQ("010000109000", ask("00 B0 00 00 00"));
+    EXPECT_EQ("9000", ask("00 B0 00 04 00"));
+    EXPECT_EQ("63F7", ask("00 20 00 02 01 31"));
+    end();
+    insert({"--family=kt", "--no-list"});
+    EXPECT_EQ("6A82", ask("00 A4 08 04 06 10 00 10 10 10 10"));
+    EXPECT_EQ("9000", ask("00 A4 08 04 04 10 00 10 10"));
+    end();
+    insert({"--family=kt", "--no-list-directory"});
+    EXPECT_EQ("6A82", ask("00 A4 08 04 04 10 00 10 10"));
+    end();
 }
 
 } // namespace

@@ -123,9 +123,9 @@ TEST(Etoken72k, SendsAGostKeyInTwoHalvesLastByteFirst)
 {
     Etoken72k card(fourObjects());
     start(card);
-    Bytes sent = withoutStatus(answer(card, named(GOST_FIRST, GOST_NAME)));
+    Bytes sent = dataOf(answer(card, named(GOST_FIRST, GOST_NAME)));
     EXPECT_EQ(32u, sent.size());
-    const Bytes second = withoutStatus(answer(card, named(GOST_SECOND, GOST_NAME)));
+    const Bytes second = dataOf(answer(card, named(GOST_SECOND, GOST_NAME)));
     sent.insert(sent.end(), second.begin(), second.end());
     EXPECT_EQ(card.object(GOST_NAME)->gost.publicKey(), turnHalves(sent));
     for (const char* const header : {GOST_FIRST, GOST_SECOND}) {
@@ -260,9 +260,9 @@ TEST(Etoken72k, SendsAGostSignatureInTwoHalves)
     Etoken72k card(fourObjects());
     logIn(card);
     EXPECT_EQ("6985", ask(card, REST_OF_SIGNATURE));
-    Bytes sent = withoutStatus(answer(card, named(SIGN_GOST, GOST_NAME, reversedDigest())));
+    Bytes sent = dataOf(answer(card, named(SIGN_GOST, GOST_NAME, reversedDigest())));
     EXPECT_EQ(32u, sent.size());
-    const Bytes rest = withoutStatus(answer(card, REST_OF_SIGNATURE));
+    const Bytes rest = dataOf(answer(card, REST_OF_SIGNATURE));
     sent.insert(sent.end(), rest.begin(), rest.end());
     EXPECT_TRUE(card.object(GOST_NAME)->gost.verify(digest(), turnHalves(sent)));
     EXPECT_EQ("6985", ask(card, REST_OF_SIGNATURE)) << "told once";

@@ -46,10 +46,10 @@ TEST(JacartaKept, GeneratesPairsUnderNewNames)
     EXPECT_EQ("4E009000", ask(card, "80 12 21 00 02 00 03"));
     const Bytes rsaName = hex("4E 00");
     EXPECT_EQ("9000", ask(card, named(PROBE, rsaName, "00 03")));
-    const Bytes signature = withoutStatus(answer(card, signRsa(rsaName, block("61"))));
+    const Bytes signature = dataOf(answer(card, signRsa(rsaName, block("61"))));
     EXPECT_EQ("61", toHex(card.object(rsaName)->rsa.recover(signature)));
     const Bytes gostName = hex("4E");
-    const Bytes halves = withoutStatus(answer(card, named(SIGN_GOST, gostName, reversedDigest())));
+    const Bytes halves = dataOf(answer(card, named(SIGN_GOST, gostName, reversedDigest())));
     EXPECT_TRUE(card.object(gostName)->gost.verify(digest(), turnHalves(halves)));
     EXPECT_EQ(2u, card.counters().generations);
 }
@@ -149,10 +149,9 @@ TEST(JacartaKept, KeepsObjectsAndPinWithoutPower)
     EXPECT_EQ(3u, other.objects().size());
     EXPECT_EQ("6985", ask(other, COUNT_OBJECTS)) << "power was lost";
     logIn(other);
-    const Bytes signature = withoutStatus(answer(other, signRsa(RSA_NAME, block("61"))));
+    const Bytes signature = dataOf(answer(other, signRsa(RSA_NAME, block("61"))));
     EXPECT_EQ("61", toHex(card.object(RSA_NAME)->rsa.recover(signature)));
-    const Bytes halves =
-        withoutStatus(answer(other, named(SIGN_GOST, GOST_NAME, reversedDigest())));
+    const Bytes halves = dataOf(answer(other, named(SIGN_GOST, GOST_NAME, reversedDigest())));
     EXPECT_TRUE(card.object(GOST_NAME)->gost.verify(digest(), turnHalves(halves)));
 }
 

@@ -146,7 +146,7 @@ TEST(Jacarta, SendsEachHalfOfAGostKeyLastByteFirst)
 {
     Jacarta card(threeObjects());
     start(card);
-    const Bytes sent = withoutStatus(answer(card, named(READ_GOST, GOST_NAME)));
+    const Bytes sent = dataOf(answer(card, named(READ_GOST, GOST_NAME)));
     EXPECT_EQ(card.object(GOST_NAME)->gost.publicKey(), turnHalves(sent));
     EXPECT_EQ("6428", ask(card, named(READ_GOST, RSA_NAME)));
     EXPECT_EQ("6A80", ask(card, named(READ_GOST, GOST_NAME, "00")));
@@ -157,7 +157,7 @@ TEST(Jacarta, SendsACertificateAsOneGzipMember)
     Jacarta card;
     start(card);
     for (const AppletObject& object : card.objects()) {
-        const Bytes container = withoutStatus(answer(card, named(READ_CERTIFICATE, object.name)));
+        const Bytes container = dataOf(answer(card, named(READ_CERTIFICATE, object.name)));
         EXPECT_EQ(object.container, container);
         EXPECT_EQ(object.certificate(), gzipContent(container));
         EXPECT_LT(256u, container.size());
@@ -247,13 +247,13 @@ TEST(Jacarta, RaisesAPaddedBlockWithTheRsaKey)
 {
     Jacarta card(threeObjects());
     logIn(card);
-    const Bytes signature = withoutStatus(answer(card, signRsa(RSA_NAME, block("61 62 63"))));
+    const Bytes signature = dataOf(answer(card, signRsa(RSA_NAME, block("61 62 63"))));
     ASSERT_EQ(256u, signature.size());
     EXPECT_EQ("616263", toHex(card.object(RSA_NAME)->rsa.recover(signature)));
     EXPECT_EQ(1u, card.counters().signatures);
-    EXPECT_EQ(256u, withoutStatus(answer(card, signRsa(RSA_NAME, block("")))).size());
+    EXPECT_EQ(256u, dataOf(answer(card, signRsa(RSA_NAME, block("")))).size());
     const std::string longest = run(253, "A7");
-    EXPECT_EQ(256u, withoutStatus(answer(card, signRsa(RSA_NAME, block(longest)))).size());
+    EXPECT_EQ(256u, dataOf(answer(card, signRsa(RSA_NAME, block(longest)))).size());
 }
 
 TEST(Jacarta, RefusesBlocksMadeOtherwise)
@@ -277,7 +277,7 @@ TEST(Jacarta, AGostSignatureVerifiesOnceItsHalvesAreTurned)
 {
     Jacarta card(threeObjects());
     logIn(card);
-    const Bytes sent = withoutStatus(answer(card, named(SIGN_GOST, GOST_NAME, reversedDigest())));
+    const Bytes sent = dataOf(answer(card, named(SIGN_GOST, GOST_NAME, reversedDigest())));
     const GostKey& key = card.object(GOST_NAME)->gost;
     EXPECT_TRUE(key.verify(digest(), turnHalves(sent)));
     EXPECT_FALSE(key.verify(digest(), sent));
@@ -298,11 +298,11 @@ TEST(Jacarta, MakesUpTo256RandomBytes)
 {
     Jacarta card;
     logIn(card);
-    const Bytes first = withoutStatus(answer(card, "80 14 31 00 02 00 20"));
-    const Bytes second = withoutStatus(answer(card, "80 14 31 00 02 00 20"));
+    const Bytes first = dataOf(answer(card, "80 14 31 00 02 00 20"));
+    const Bytes second = dataOf(answer(card, "80 14 31 00 02 00 20"));
     EXPECT_EQ(32u, first.size());
     EXPECT_NE(first, second);
-    EXPECT_EQ(256u, withoutStatus(answer(card, "80 14 31 00 02 01 00")).size());
+    EXPECT_EQ(256u, dataOf(answer(card, "80 14 31 00 02 01 00")).size());
     EXPECT_EQ("9000", ask(card, "80 14 31 00 02 00 00"));
     EXPECT_EQ("6A80", ask(card, "80 14 31 00 02 01 01"));
     EXPECT_EQ("6A80", ask(card, "80 14 31 00 01 10"));
