@@ -6,6 +6,7 @@
 
 namespace {
 
+constexpr std::string_view FRESH = "fresh-";
 constexpr std::string_view WITH_CERTIFICATE = "+certificate";
 
 std::vector<std::string> splitAtCommas(const std::string& list)
@@ -36,18 +37,36 @@ sim::Bytes usualName(std::size_t position)
     return {name.begin(), name.end()};
 }
 
-void putKey(sim::AppletObject& object, const std::string& kind)
+sim::RsaKey rsaKey(bool fresh, unsigned bits)
 {
+    return fresh ? sim::RsaKey::generate(bits)
+                 : sim::RsaKey::fromTestKey(bits == 2048 ? sim::TestKey::First2048
+                                                         : sim::TestKey::First1024);
+}
+
+sim::GostKey gostKey(bool fresh, sim::GostAlgorithm algorithm)
+{
+    return fresh ? sim::GostKey::generate(algorithm)
+                 : sim::GostKey::fromTestKey(algorithm == sim::GostAlgorithm::Gost2001
+                                                 ? sim::GostTestKey::First2001
+                                                 : sim::GostTestKey::First2012);
+}
+
+void putKey(sim::AppletObject& object, const std::string& asked)
+{
+    const bool fresh = asked.starts_with(FRESH);
+    const std::string kind = asked.substr(fresh ? FRESH.size() : 0);
     if (kind == "rsa2048") {
-        object.rsa = sim::RsaKey::fromTestKey(sim::TestKey::First2048);
+        object.rsa = rsaKey(fresh, 2048);
     } else if (kind == "rsa1024") {
-        object.rsa = sim::RsaKey::fromTestKey(sim::TestKey::First1024);
-    } else if (kind == "rsa") {
-        object.rsa = sim::RsaKey::generate(2048);
-    } else if (kind == "gost") {
-        object.gost = sim::GostKey::generate(sim::GostAlgorithm::Gost2012_256);
+        object.rsa = rsaKey(fresh, 1024);
+    } else if (kind == "gost2012") {
+        object.gost = gostKey(fresh, sim::GostAlgorithm::Gost2012_256);
+    } else if (kind == "gost2001") {
+        object.gost = gostKey(fresh, sim::GostAlgorithm::Gost2001);
     } else {
-        throw UsageError("--objects takes rsa2048, rsa1024, rsa or gost, not \"" + kind + "\"");
+        throw UsageError("--objects takes rsa2048, rsa1024, gost2012 and gost2001, not \"" + asked +
+                         "\"");
     }
 }
 

@@ -9,10 +9,10 @@
 inline constexpr std::string_view APPLET_OPTIONS =
     R"(  --pin PIN                 4 to 10 characters (1234)
   --retries N               wrong PINs allowed, 1 to 15 (3)
-  --objects LIST            instead of what the token brings: rsa2048, rsa1024, rsa (generated,
-                            2,048 bits) and gost (generated) with commas between them, each
-                            with +certificate behind it if it has one; or none
-  --names LIST              their names, in hexadecimal, 1 to 20 bytes each, with commas
+  --objects LIST            instead of what the token brings, separated by commas, or none: each
+                            rsa2048, rsa1024, gost2012 or gost2001, which stand ready, or fresh-
+                            before it, and +certificate behind it if it has one
+  --names LIST              their names, in hexadecimal, 1 to 20 bytes each, separated by commas
   --issuer SHAPE            two, six or seven attributes in the issuers' names (six)
 )";
 
