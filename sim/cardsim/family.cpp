@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <array>
 
-static constexpr std::array<const Family*, 1> FAMILIES{&idCardFamily};
+static constexpr std::array<const Family*, 4> FAMILIES{&idCardFamily, &kazTokenFamily,
+                                                       &jacartaFamily, &etoken72kFamily};
 
 std::span<const Family* const> allFamilies()
 {

@@ -45,6 +45,9 @@ struct Family {
 };
 
 extern const Family idCardFamily;
+extern const Family kazTokenFamily;
+extern const Family jacartaFamily;
+extern const Family etoken72kFamily;
 
 std::span<const Family* const> allFamilies();
 const Family* findFamily(std::string_view name); // null if there is none of this name

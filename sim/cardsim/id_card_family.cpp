@@ -1,18 +1,11 @@
-#include "sim/cardsim/family.h"
+#include "sim/cardsim/certificate_options.h"
+#include "sim/cardsim/served.h"
 
 #include "sim/cards/id_card.h"
 #include "sim/cards/id_card_words.h"
 #include "sim/cards/scripted_card.h"
-#include "sim/cards/test_ca.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-
-#include <openssl/bio.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 namespace {
 
@@ -29,48 +22,6 @@ constexpr std::string_view OPTIONS =
   --issuer SHAPE            two, six or seven attributes in the issuer's name (six)
   --data-object HEX         the nine bytes of data object DF01
 )";
-
-// DER as it stands in the file, or out of PEM.
-sim::Bytes readCertificate(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    if (!file || std::filesystem::is_directory(path)) {
-        throw UsageError("cannot read certificate " + path);
-    }
-    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    const std::unique_ptr<BIO, decltype(&BIO_free)> bio(
-        BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), BIO_free);
-    const bool pem = text.starts_with("-----");
-    const std::unique_ptr<X509, decltype(&X509_free)> certificate(
-        pem ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)
-            : d2i_X509_bio(bio.get(), nullptr),
-        X509_free);
-    if (!certificate) {
-        throw UsageError("no certificate in " + path);
-    }
-    if (!pem) {
-        return {text.begin(), text.end()};
-    }
-    unsigned char* der = nullptr;
-    const int length = i2d_X509(certificate.get(), &der);
-    sim::Bytes bytes(der, der + std::max(length, 0));
-    OPENSSL_free(der);
-    return bytes;
-}
-
-sim::NameAttributes issuerOf(const std::string& shape)
-{
-    if (shape == "two") {
-        return sim::shortIssuer();
-    }
-    if (shape == "six") {
-        return sim::defaultIssuer();
-    }
-    if (shape == "seven") {
-        return sim::longIssuer();
-    }
-    throw UsageError("--issuer takes two, six or seven, not \"" + shape + "\"");
-}
 
 void setKey(sim::IdCardPosition& position, const std::string& kind)
 {
@@ -112,37 +63,12 @@ void setDataObject(sim::IdCardOptions& options, const std::string& text)
     std::copy(bytes.begin(), bytes.end(), options.cardObject.begin());
 }
 
-class ServedIdCard final : public ServedCard {
-public:
-    explicit ServedIdCard(const sim::IdCardOptions& options) : card_(options) {}
-    sim::Card& card() override { return card_; }
-    sim::Bytes state() const override { return card_.state(); }
-    void restore(std::span<const std::uint8_t> state) override { card_.restore(state); }
-    unsigned long revision() const override { return card_.revision(); }
-    std::string words(std::span<const std::uint8_t> command) const override
-    {
-        return sim::idCardWords(command);
-    }
-    std::size_t secretLength(std::span<const std::uint8_t> command) const override
-    {
-        return sim::idCardSecretLength(command);
-    }
-
-private:
-    sim::IdCard card_;
-};
+using ServedIdCard = Served<sim::IdCard, sim::idCardWords, sim::idCardSecretLength>;
 
 class IdCardSettings final : public CardSettings {
 public:
     bool take(Arguments& arguments) override { return takeFlag(arguments) || takeValue(arguments); }
-    std::unique_ptr<ServedCard> make() const override
-    {
-        try {
-            return std::make_unique<ServedIdCard>(options_);
-        } catch (const std::invalid_argument& error) {
-            throw UsageError(error.what());
-        }
-    }
+    std::unique_ptr<ServedCard> make() const override { return makeServed<ServedIdCard>(options_); }
 
 private:
     bool takeFlag(Arguments& arguments)

@@ -15,7 +15,7 @@ static std::string statusWords(std::uint8_t first, std::uint8_t second)
     if (first == 0x6C) {
         return "wrong length, " + std::to_string(second) + " is right";
     }
-    if ((status & 0xFFF0U) == 0x63C0) {
+    if ((status & 0xFFF0U) == 0x63C0 || (status & 0xFFF0U) == 0x63F0) {
         return "wrong PIN, attempts left: " + std::to_string(second & 0x0FU);
     }
     switch (status) {
@@ -23,8 +23,22 @@ static std::string statusWords(std::uint8_t first, std::uint8_t second)
         return "done";
     case 0x6282:
         return "the file ends early";
+    case 0x6413:
+        return "wrong PIN";
+    case 0x6414:
+        return "refused: nobody is logged in";
+    case 0x6415:
+        return "refused: the PIN is blocked";
+    case 0x6419:
+        return "refused: no such certificate";
+    case 0x6428:
+        return "refused: no such object or key";
     case 0x6700:
         return "refused: wrong length";
+    case 0x6884:
+        return "refused: this command is not chained";
+    case 0x6981:
+        return "refused: not such a file";
     case 0x6982:
         return "refused: a PIN is needed";
     case 0x6983:
@@ -37,12 +51,17 @@ static std::string statusWords(std::uint8_t first, std::uint8_t second)
         return "refused: wrong data";
     case 0x6A82:
         return "refused: no such file";
+    case 0x6A83:
+        return "refused: no such position";
     case 0x6A84:
         return "refused: the file is full";
     case 0x6A86:
         return "refused: wrong parameters";
     case 0x6A88:
         return "refused: no such object or key";
+    case 0x6A89:
+    case 0x6A8A:
+        return "refused: it is there already";
     case 0x6B00:
         return "refused: beyond the end of the file";
     case 0x6D00:

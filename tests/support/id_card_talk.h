@@ -2,7 +2,7 @@
 #pragma once
 
 #include "sim/cards/id_card.h"
-#include "sim/cards/scripted_card.h"
+#include "tests/support/card_talk.h"
 
 #include <string>
 #include <vector>
@@ -10,6 +10,8 @@
 #include <gmock/gmock.h>
 
 namespace sim::id_card_talk {
+
+using namespace card_talk;
 
 inline constexpr const char* SELECT_MASTER = "00 A4 00 0C 02 3F 00";
 inline constexpr const char* SELECT_CERTIFICATES = "00 A4 01 0C 02 08 01";
@@ -27,33 +29,6 @@ inline constexpr const char* PUBLIC_KEY_07 = "00 CB 3F FF 0B 4D 09 FF A0 07 05 7
 inline constexpr const char* PUBLIC_KEY_08 = "00 CB 3F FF 0B 4D 09 FF A0 08 05 7F 49 02 81 00";
 inline constexpr const char* REST_OF_256 = "00 C0 00 00 00";
 
-inline Bytes answer(Card& card, const std::string& command)
-{
-    return card.transmit(hex(command));
-}
-
-inline std::string ask(Card& card, const std::string& command)
-{
-    return toHex(answer(card, command));
-}
-
-// A run of equal bytes in hexadecimal.
-inline std::string run(std::size_t count, const std::string& byte)
-{
-    std::string text;
-    for (std::size_t i = 0; i < count; ++i) {
-        text += byte;
-    }
-    return text;
-}
-
-inline void walk(Card& card, const std::vector<std::string>& commands)
-{
-    for (const std::string& command : commands) {
-        ASSERT_EQ("9000", ask(card, command)) << command;
-    }
-}
-
 inline void openFile(Card& card, const char* selectFile)
 {
     walk(card, {SELECT_MASTER, SELECT_CERTIFICATES, selectFile});
@@ -67,13 +42,6 @@ inline void logIn(Card& card)
 inline void prepareSigning(Card& card, const char* useKey)
 {
     walk(card, {SELECT_MASTER, RIGHT_PIN, SELECT_KEYS, useKey});
-}
-
-inline Bytes withoutStatus(Bytes reply)
-{
-    EXPECT_GE(reply.size(), 2u);
-    reply.resize(reply.size() < 2 ? 0 : reply.size() - 2);
-    return reply;
 }
 
 // Collects what a command brings through GET RESPONSE, as a T=0 host does.

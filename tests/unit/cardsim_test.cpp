@@ -1,58 +1,17 @@
 // The program velt-cardsim, run as a user runs it; the tests play the reader.
 #include "sim/cards/id_card.h"
-#include "sim/cards/scripted_card.h"
+#include "sim/cards/kaz_token.h"
 #include "sim/cards/test_ca.h"
-#include "tests/support/virtual_reader.h"
+#include "tests/support/cardsim_run.h"
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <thread>
-#include <vector>
+#include <openssl/evp.h>
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+namespace velt_test {
 namespace {
 
-using sim::hex;
-using sim::toHex;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
-
-std::string contentOf(const std::filesystem::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-// Waits until something holds; false if it does not within ten seconds.
-template <class Condition>
-bool await(Condition condition)
-{
-    for (int tries = 0; tries < 1000; ++tries) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-}
-
-// The program lies in the build directory, above this one.
-std::string cardsimProgram()
-{
-    std::filesystem::path directory = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-    while (!std::filesystem::exists(directory / "velt-cardsim") && directory.has_relative_path()) {
-        directory = directory.parent_path();
-    }
-    return directory / "velt-cardsim";
-}
 
 std::string pemOf(const sim::Bytes& der)
 {
@@ -66,73 +25,6 @@ std::string pemOf(const sim::Bytes& der)
     return pem + "-----END CERTIFICATE-----\n";
 }
 
-class Cardsim : public ::testing::Test {
-protected:
-    Cardsim()
-        : directory(std::filesystem::temp_directory_path() /
-                    ("velt-cardsim-test." + std::to_string(getpid())))
-    {
-        std::filesystem::create_directories(directory);
-    }
-    ~Cardsim() override
-    {
-        if (process > 0) {
-            ::kill(process, SIGKILL);
-            ::waitpid(process, nullptr, 0);
-        }
-        std::filesystem::remove_all(directory);
-    }
-
-    void start(std::vector<std::string> arguments)
-    {
-        arguments.insert(arguments.begin(), cardsimProgram());
-        std::vector<char*> raw;
-        for (std::string& argument : arguments) {
-            raw.push_back(argument.data());
-        }
-        raw.push_back(nullptr);
-        process = ::fork();
-        if (process == 0) {
-            ::dup2(::open((directory / "out").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), 1);
-            ::dup2(::open((directory / "err").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), 2);
-            ::execv(raw[0], raw.data());
-            ::_exit(127);
-        }
-    }
-    int exitCode()
-    {
-        int status = 0;
-        ::waitpid(process, &status, 0);
-        process = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-    int run(std::vector<std::string> arguments)
-    {
-        start(std::move(arguments));
-        return exitCode();
-    }
-    // Starts with the reader's port and waits until the card is in.
-    void insert(std::vector<std::string> arguments = {})
-    {
-        arguments.insert(arguments.begin(), {"--port", std::to_string(reader.port())});
-        start(std::move(arguments));
-        ASSERT_TRUE(reader.takeCard());
-    }
-    int end(int signal = SIGTERM)
-    {
-        ::kill(process, signal);
-        return exitCode();
-    }
-    std::string ask(const std::string& command) { return toHex(reader.exchange(hex(command))); }
-    std::string output() const { return contentOf(directory / "out"); }
-    std::string errors() const { return contentOf(directory / "err"); }
-    std::string path(const char* name) const { return (directory / name).string(); }
-
-    std::filesystem::path directory;
-    VirtualReader reader;
-    pid_t process = -1;
-};
-
 constexpr const char* const SELECT_MASTER = "00 A4 00 0C 02 3F 00";
 constexpr const char* const RIGHT_PIN = "00 20 00 02 08 31 32 33 34 30 30 30 30";
 constexpr const char* const WRONG_PIN = "00 20 00 02 08 39 38 37 36 30 30 30 30";
@@ -140,12 +32,33 @@ constexpr const char* const WRONG_PIN = "00 20 00 02 08 39 38 37 36 30 30 30 30"
 TEST_F(Cardsim, TheHelpNamesEveryOption)
 {
     EXPECT_EQ(0, run({"--help"}));
-    for (const char* const option :
-         {"--family",         "--port",         "--readers",        "--wait",
-          "--state",          "--trace",        "--notice",         "--vanish-after",
-          "--raise-loopback", "--old-atr",      "--new-atr",        "--pin",
-          "--retries",        "--keys",         "--generated-bits", "--empty-certificates",
-          "--certificate1",   "--certificate2", "--issuer",         "--data-object"}) {
+    for (const char* const option : {"--family",
+                                     "--port",
+                                     "--readers",
+                                     "--wait",
+                                     "--state",
+                                     "--trace",
+                                     "--notice",
+                                     "--vanish-after",
+                                     "--raise-loopback",
+                                     "--old-atr",
+                                     "--new-atr",
+                                     "--pin",
+                                     "--retries",
+                                     "--keys",
+                                     "--generated-bits",
+                                     "--empty-certificates",
+                                     "--certificate1",
+                                     "--certificate2",
+                                     "--issuer",
+                                     "--data-object",
+                                     "--wrong-pin-status",
+                                     "--blocked-pin-status",
+                                     "--pairs",
+                                     "--certificate N=FILE",
+                                     "--no-list",
+                                     "--no-list-directory",
+                                     "--end-of-file"}) {
         EXPECT_THAT(output(), HasSubstr(option));
     }
     EXPECT_EQ("", errors());
@@ -174,6 +87,29 @@ TEST_F(Cardsim, WrongOptionsAreExplainedWithExitCode2)
     for (const auto& [arguments, message] : wrong) {
         EXPECT_EQ(2, run(arguments)) << message;
         EXPECT_THAT(errors(), StartsWith("velt-cardsim: "));
+        EXPECT_THAT(errors(), HasSubstr(message));
+    }
+}
+
+TEST_F(Cardsim, WrongOptionsOfTheKaztokenAreExplainedLikewise)
+{
+    const std::vector<std::pair<std::vector<std::string>, const char*>> wrong = {
+        {{"--old-atr"}, "unknown option --old-atr"},
+        {{"--pin="}, "the token's PIN has between 1 and 16 characters"},
+        {{"--retries", "16"}, "--retries takes a number from 1 to 15, not \"16\""},
+        {{"--wrong-pin-status", "63C"}, "--wrong-pin-status takes four hexadecimal digits"},
+        {{"--blocked-pin-status", "69 3"}, "--blocked-pin-status takes four hexadecimal digits"},
+        {{"--pairs", "rsa512"}, "--pairs takes rsa2048, rsa1024, gost2012 and gost2001"},
+        {{"--pairs", "rsa2048,"}, "and gost2001, not \"\""},
+        {{"--certificate", "x"}, "--certificate takes the number of a pair, = and a file"},
+        {{"--certificate", "0=x"}, "--certificate takes a number from 1 to 254, not \"0\""},
+        {{"--certificate", "4=none"}, "--certificate: there is no pair 4"},
+        {{"--certificate", "1=/nowhere"}, "cannot read certificate /nowhere"},
+        {{"--end-of-file", "6A82"}, "--end-of-file takes bare or 6B00, not \"6A82\""},
+        {{"--no-list=yes"}, "--no-list takes no value"}};
+    for (auto [arguments, message] : wrong) {
+        arguments.insert(arguments.begin(), {"--family", "kt"});
+        EXPECT_EQ(2, run(arguments)) << message;
         EXPECT_THAT(errors(), HasSubstr(message));
     }
 }
@@ -357,4 +293,70 @@ TEST_F(Cardsim, EveryReaderGetsACardOfItsOwn)
     EXPECT_EQ(0, end());
 }
 
+TEST_F(Cardsim, ServesAKaztokenMadeAsTheOptionsSay)
+{
+    const sim::Bytes der = sim::authorityCertificate();
+    std::ofstream(path("ca.der"), std::ios::binary) << std::string(der.begin(), der.end());
+    insert({"--family",
+            "kt",
+            "--pin",
+            "0000",
+            "--retries",
+            "3",
+            "--wrong-pin-status",
+            "63C0",
+            "--blocked-pin-status",
+            "6984",
+            "--pairs",
+            "gost2001,fresh-rsa1024,rsa1024",
+            "--empty-certificates",
+            "--certificate",
+            "3=" + path("ca.der"),
+            "--end-of-file",
+            "6B00",
+            "--state",
+            path("state"),
+            "--trace"});
+    EXPECT_EQ("3B88014B415A544F4B454E82", ask("04"));
+    EXPECT_EQ("63C2", ask("00 20 00 02 04 31 32 33 34"));
+    EXPECT_EQ("9000", ask("00 20 00 02 04 30 30 30 30"));
+    EXPECT_EQ("9000", ask("00 22 41 B6 06 91 01 40 84 01 01"));
+    EXPECT_EQ("9000", ask("00 A4 08 04 08 10 00 10 00 60 04 00 03"));
+    EXPECT_EQ("6A82", ask("00 A4 08 04 08 10 00 10 00 60 04 00 01"));
+    EXPECT_EQ("9000", ask("00 E4 00 00"));
+    EXPECT_EQ(0, end());
+
+    sim::KazToken kept;
+    kept.load(path("state"));
+    EXPECT_EQ(sim::Bytes{}, kept.certificate(3)) << "deleted before the program ended";
+    EXPECT_EQ(sim::GostKey::fromTestKey(sim::GostTestKey::First2001).publicKey(),
+              kept.gostKey(1).publicKey());
+    EXPECT_EQ(1024u, kept.rsaKey(2).bits());
+    EXPECT_NE(kept.rsaKey(2).modulus(), kept.rsaKey(3).modulus());
+    EXPECT_EQ(4u + 3u * 34u, kept.list()->size());
+    const std::string port = std::to_string(reader.port());
+    EXPECT_THAT(errors(), HasSubstr(port + " > 0020000204********  verify the PIN\n" + port +
+                                    " < 63C2  wrong PIN, attempts left: 2\n"));
+    EXPECT_THAT(errors(), HasSubstr(port + " > 00E40000  delete the selected file\n"));
+    EXPECT_THAT(errors(), Not(HasSubstr("30303030")));
+}
+
+TEST_F(Cardsim, AKaztokenMayBeEmptyOrWithoutItsList)
+{
+    insert({"--family=kt", "--pairs", "none"});
+    EXPECT_EQ("9000", ask("00 A4 08 04 06 10 00 10 10 10 10"));
+    EXPECT_EQ("010000109000", ask("00 B0 00 00 00"));
+    EXPECT_EQ("9000", ask("00 B0 00 04 00"));
+    EXPECT_EQ("63F7", ask("00 20 00 02 01 31"));
+    end();
+    insert({"--family=kt", "--no-list"});
+    EXPECT_EQ("6A82", ask("00 A4 08 04 06 10 00 10 10 10 10"));
+    EXPECT_EQ("9000", ask("00 A4 08 04 04 10 00 10 10"));
+    end();
+    insert({"--family=kt", "--no-list-directory"});
+    EXPECT_EQ("6A82", ask("00 A4 08 04 04 10 00 10 10"));
+    end();
+}
+
 } // namespace
+} // namespace velt_test
