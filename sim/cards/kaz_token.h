@@ -49,10 +49,10 @@ struct KazPair {
 
 struct KazTokenOptions {
     std::string pin = "123456";
-    std::uint8_t retryLimit = 8;
-    // What a wrong PIN is answered with: if the last four bits are clear, they tell how many
-    // attempts are left.
-    std::uint16_t wrongPin = 0x63F0;
+    std::uint8_t retryLimit = 3;
+    // What a wrong PIN is answered with. The attempts left take the place of a zero digit at the
+    // end of the second byte, or else of the first: C3 63, or 63 C3 out of 63C0.
+    std::uint16_t wrongPin = 0xC063;
     std::uint16_t blockedPin = 0x6983;
     std::vector<KazPair> pairs{
         {.id = 0x01, .kind = KazKeyKind::Rsa2048},

@@ -35,6 +35,14 @@ bool isSignatureBlock(std::span<const std::uint8_t> block)
     return end != block.end() && *end == 0x00;
 }
 
+unsigned withAttempts(unsigned wrongPin, unsigned left)
+{
+    if ((wrongPin & 0x000FU) == 0) {
+        return wrongPin | left;
+    }
+    return (wrongPin & 0x0F00U) == 0 ? wrongPin | (left << 8) : wrongPin;
+}
+
 } // namespace
 
 Bytes KazToken::verify(const Command& command)
@@ -52,8 +60,7 @@ Bytes KazToken::verify(const Command& command)
     const std::uint8_t left = verified_ ? retryLimit_ : static_cast<std::uint8_t>(retriesLeft_ - 1);
     revision_ += left != retriesLeft_ ? 1U : 0U;
     retriesLeft_ = left;
-    const bool counts = (wrongPin_ & 0x0FU) == 0;
-    return status(verified_ ? DONE : wrongPin_ + (counts ? left : 0U));
+    return status(verified_ ? DONE : withAttempts(wrongPin_, left));
 }
 
 Bytes KazToken::logOut(const Command& command)

@@ -11,9 +11,9 @@ namespace {
 
 constexpr std::string_view OPTIONS =
     R"(  --pin PIN                 1 to 16 characters (123456)
-  --retries N               wrong PINs allowed, 1 to 15 (8)
-  --wrong-pin-status HEX    status of a wrong PIN (63F0); if its last digit is 0, it is replaced by
-                            the attempts left
+  --retries N               wrong PINs allowed, 1 to 15 (3)
+  --wrong-pin-status HEX    status of a wrong PIN (C063); the attempts left replace a 0 at the end,
+                            or else a 0 in second place
   --blocked-pin-status HEX  status of every PIN once none are left (6983)
   --pairs LIST              key pairs with IDs from 1, separated by commas, or none: each rsa2048,
                             rsa1024, gost2012 or gost2001, which stand ready, or fresh- before it

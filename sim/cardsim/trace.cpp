@@ -15,8 +15,11 @@ static std::string statusWords(std::uint8_t first, std::uint8_t second)
     if (first == 0x6C) {
         return "wrong length, " + std::to_string(second) + " is right";
     }
-    if ((status & 0xFFF0U) == 0x63C0 || (status & 0xFFF0U) == 0x63F0) {
+    if ((status & 0xFFF0U) == 0x63C0) {
         return "wrong PIN, attempts left: " + std::to_string(second & 0x0FU);
+    }
+    if ((status & 0xF0FFU) == 0xC063) {
+        return "wrong PIN, attempts left: " + std::to_string(first & 0x0FU);
     }
     switch (status) {
     case 0x9000:

@@ -347,12 +347,14 @@ TEST_F(Cardsim, AKaztokenMayBeEmptyOrWithoutItsList)
     EXPECT_EQ("9000", ask("00 A4 08 04 06 10 00 10 10 10 10"));
     EXPECT_EQ("010000109000", ask("00 B0 00 00 00"));
     EXPECT_EQ("9000", ask("00 B0 00 04 00"));
-    EXPECT_EQ("63F7", ask("00 20 00 02 01 31"));
+    EXPECT_EQ("C263", ask("00 20 00 02 01 31"));
     end();
-    insert({"--family=kt", "--no-list"});
+    insert({"--family=kt", "--no-list", "--trace"});
+    EXPECT_EQ("C263", ask("00 20 00 02 01 31"));
     EXPECT_EQ("6A82", ask("00 A4 08 04 06 10 00 10 10 10 10"));
     EXPECT_EQ("9000", ask("00 A4 08 04 04 10 00 10 10"));
     end();
+    EXPECT_THAT(errors(), HasSubstr(" < C263  wrong PIN, attempts left: 2\n"));
     insert({"--family=kt", "--no-list-directory"});
     EXPECT_EQ("6A82", ask("00 A4 08 04 04 10 00 10 10"));
     end();
