@@ -74,7 +74,7 @@ CK_RV loadName(const Applet& applet, CK_SESSION_HANDLE hSession, std::uint8_t po
         if (!holds(applet, hSession, name.view(), type)) {
             continue;
         }
-        pbyOutput[0] = PROBE_ANSWERED; // Kept: shows where a later reply is shorter.
+        pbyOutput[0] = PROBE_ANSWERED; // Kept: shows when the card answered 00 00.
         if (addPart(object, type) != LOAD_DONE) {
             return LOAD_NO_MEMORY;
         }

@@ -125,6 +125,19 @@ TEST_P(AppletObjects, OneFullNameAmongEmptyOnesKeepsItsEntries)
     expectLoaded({{nameOf(1), ALL_PARTS}, {nameOf(2), ALL_PARTS}, {nameOf(3), {GOST_PUBLIC}}});
 }
 
+TEST_P(AppletObjects, AProbeAnsweredWithZerosIsAHitAndReadsAs90InTheBuffer)
+{
+    expectCount(1);
+    expectName(0, NAME);
+    for (const Part part : {GOST_PRIVATE, GOST_PUBLIC, CERTIFICATE}) {
+        expectProbe({NAME, {}}, part);
+    }
+    expect(probeFor(NAME, RSA_PAIR), hex("00 00"), 258);
+    EXPECT_EQ(0U, loadObjects());
+    EXPECT_EQ(2U, ulObjCount);
+    EXPECT_EQ(hex("90 00"), Bytes(pbyOutput.begin(), pbyOutput.begin() + 2));
+}
+
 TEST_P(AppletObjects, NamesOfEveryLengthAreTaken)
 {
     std::vector<Named> objects;
