@@ -49,7 +49,6 @@ TEST_P(OtherFamilies, AnswerThatTheirOperationsAreMissing)
 }
 
 INSTANTIATE_TEST_SUITE_P(Tokens, OtherFamilies,
-                         ::testing::Values(velt_test::JACARTA, velt_test::KAZTOKEN,
-                                           velt_test::ETOKEN_72K));
+                         ::testing::Values(velt_test::JACARTA, velt_test::ETOKEN_72K));
 
 } // namespace
