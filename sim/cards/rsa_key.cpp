@@ -72,11 +72,11 @@ Bytes RsaKey::sign(std::span<const std::uint8_t> data) const
     return signature;
 }
 
-Bytes RsaKey::recover(std::span<const std::uint8_t> signature) const
+Bytes RsaKey::recoverWith(int padding, std::span<const std::uint8_t> signature) const
 {
     const Context context = contextFor(key_.get());
     require(EVP_PKEY_verify_recover_init(context.get()), "RSA recovery");
-    require(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING), "RSA padding");
+    require(EVP_PKEY_CTX_set_rsa_padding(context.get(), padding), "RSA padding");
     Bytes data(modulusSize());
     std::size_t length = data.size();
     require(EVP_PKEY_verify_recover(context.get(), data.data(), &length, signature.data(),
@@ -84,6 +84,16 @@ Bytes RsaKey::recover(std::span<const std::uint8_t> signature) const
             "RSA recovery");
     data.resize(length);
     return data;
+}
+
+Bytes RsaKey::recover(std::span<const std::uint8_t> signature) const
+{
+    return recoverWith(RSA_PKCS1_PADDING, signature);
+}
+
+Bytes RsaKey::recoverBlock(std::span<const std::uint8_t> signature) const
+{
+    return recoverWith(RSA_NO_PADDING, signature);
 }
 
 Bytes RsaKey::raise(std::span<const std::uint8_t> block) const

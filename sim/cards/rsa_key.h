@@ -37,9 +37,12 @@ public:
     Bytes raise(std::span<const std::uint8_t> block) const;
     // What the public key recovers from a signature: the data, without its padding.
     Bytes recover(std::span<const std::uint8_t> signature) const;
+    // The same with its padding, whatever that is.
+    Bytes recoverBlock(std::span<const std::uint8_t> signature) const;
 
 private:
     explicit RsaKey(SharedKey key) : key_(std::move(key)) {}
+    Bytes recoverWith(int padding, std::span<const std::uint8_t> signature) const;
     SharedKey key_;
 };
 

@@ -87,7 +87,7 @@ protected:
     std::vector<CK_OBJECT_HANDLE> find(std::vector<CK_ATTRIBUTE> wanted)
     {
         EXPECT_RV(CKR_OK, p11.C_FindObjectsInit(session, wanted.data(), wanted.size()));
-        std::vector<CK_OBJECT_HANDLE> handles(64, NO_HANDLE);
+        std::vector<CK_OBJECT_HANDLE> handles(256, NO_HANDLE);
         CK_ULONG count = 0;
         EXPECT_RV(CKR_OK, p11.C_FindObjects(session, handles.data(), handles.size(), &count));
         EXPECT_RV(CKR_OK, p11.C_FindObjectsFinal(session));
