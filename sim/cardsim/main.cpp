@@ -27,7 +27,7 @@ readers and SIGUSR2 puts them back.
 
 Usage: velt-cardsim [OPTION]...
 
-  --family NAME             what kind of card: idc or kt (idc)
+  --family NAME             what kind of card: idc, kt, jc or et72k (idc)
   --port N                  TCP port of the reader on the loopback (35963); repeat it for more
                             readers, each of which gets a card of its own
   --readers N               cards for N readers on consecutive ports from 35963
