@@ -87,3 +87,26 @@ row reading no "--read-object of an ID that is not there"
 client --read-object --type cert --id 7F --output-file none
 [ "$status" -eq 1 ] || fail "there is a certificate 7F"
 grep -qx 'error: object not found' err || fail "the client does not say what is missing"
+
+row listing part "--test-hotplug"
+prompted() { # how often the client has asked for a key so far
+    [ "$(grep -o 'x to exit: ' out | wc -l)" -eq "$1" ]
+}
+status=0
+{
+    await prompted 1
+    echo
+    await prompted 2
+    kill -USR1 "$VELT_CARD_PID"
+    await first_reader_is_empty
+    echo
+    await prompted 3
+    kill -USR2 "$VELT_CARD_PID"
+    await_presence "$VELT_WORLD_DIR/card-1.noticed"
+    printf '\nx\n\n'
+} | stdbuf -o0 pkcs11-tool --module "$VELT_MODULE" --test-hotplug >out 2>err || status=$?
+[ "$status" -eq 1 ] || fail "the client ended with status $status"
+expect_equal "$(grep -A1 '^Slot 0' out | sed -n 's/^  \([a-z(]*\).*/\1/p' | tr '\n' ' ')" \
+    "token (empty token " "what the client saw in the first reader"
+grep -q 'C_WaitForSlotEvent failed: CKR_FUNCTION_NOT_SUPPORTED' err ||
+    fail "C_WaitForSlotEvent gives another answer"
