@@ -105,7 +105,7 @@ status=0
     await_presence "$VELT_WORLD_DIR/card-1.noticed"
     printf '\nx\n\n'
 } | stdbuf -o0 pkcs11-tool --module "$VELT_MODULE" --test-hotplug >out 2>err || status=$?
-[ "$status" -eq 1 ] || fail "the client ended with status $status"
+expect_success
 expect_equal "$(grep -A1 '^Slot 0' out | sed -n 's/^  \([a-z(]*\).*/\1/p' | tr '\n' ' ')" \
     "token (empty token " "what the client saw in the first reader"
 grep -q 'C_WaitForSlotEvent failed: CKR_FUNCTION_NOT_SUPPORTED' err ||
