@@ -37,45 +37,61 @@ sim::Bytes usualName(std::size_t position)
     return {name.begin(), name.end()};
 }
 
-sim::RsaKey rsaKey(bool fresh, unsigned bits)
+// Of each kind two keys stand ready, which objects take in turns.
+enum class Choice { First, Second, Fresh };
+
+sim::RsaKey rsaKey(Choice choice, unsigned bits)
 {
-    return fresh ? sim::RsaKey::generate(bits)
-                 : sim::RsaKey::fromTestKey(bits == 2048 ? sim::TestKey::First2048
-                                                         : sim::TestKey::First1024);
+    using sim::TestKey;
+    const bool first = choice == Choice::First;
+    if (choice == Choice::Fresh) {
+        return sim::RsaKey::generate(bits);
+    }
+    return sim::RsaKey::fromTestKey(bits == 2048
+                                        ? (first ? TestKey::First2048 : TestKey::Second2048)
+                                        : (first ? TestKey::First1024 : TestKey::Second1024));
 }
 
-sim::GostKey gostKey(bool fresh, sim::GostAlgorithm algorithm)
+sim::GostKey gostKey(Choice choice, sim::GostAlgorithm algorithm)
 {
-    return fresh ? sim::GostKey::generate(algorithm)
-                 : sim::GostKey::fromTestKey(algorithm == sim::GostAlgorithm::Gost2001
-                                                 ? sim::GostTestKey::First2001
-                                                 : sim::GostTestKey::First2012);
+    using sim::GostTestKey;
+    const bool first = choice == Choice::First;
+    if (choice == Choice::Fresh) {
+        return sim::GostKey::generate(algorithm);
+    }
+    return sim::GostKey::fromTestKey(
+        algorithm == sim::GostAlgorithm::Gost2001
+            ? (first ? GostTestKey::First2001 : GostTestKey::Second2001)
+            : (first ? GostTestKey::First2012 : GostTestKey::Second2012));
 }
 
-void putKey(sim::AppletObject& object, const std::string& asked)
+void putKey(sim::AppletObject& object, const std::string& asked, std::size_t position)
 {
     const bool fresh = asked.starts_with(FRESH);
     const std::string kind = asked.substr(fresh ? FRESH.size() : 0);
+    const Choice choice =
+        fresh ? Choice::Fresh : (position % 2 == 0 ? Choice::First : Choice::Second);
     if (kind == "rsa2048") {
-        object.rsa = rsaKey(fresh, 2048);
+        object.rsa = rsaKey(choice, 2048);
     } else if (kind == "rsa1024") {
-        object.rsa = rsaKey(fresh, 1024);
+        object.rsa = rsaKey(choice, 1024);
     } else if (kind == "gost2012") {
-        object.gost = gostKey(fresh, sim::GostAlgorithm::Gost2012_256);
+        object.gost = gostKey(choice, sim::GostAlgorithm::Gost2012_256);
     } else if (kind == "gost2001") {
-        object.gost = gostKey(fresh, sim::GostAlgorithm::Gost2001);
+        object.gost = gostKey(choice, sim::GostAlgorithm::Gost2001);
     } else {
         throw UsageError("--objects takes rsa2048, rsa1024, gost2012 and gost2001, not \"" + asked +
                          "\"");
     }
 }
 
-sim::AppletObject objectOf(std::string kind, sim::Bytes name, const sim::NameAttributes& issuer)
+sim::AppletObject objectOf(std::string kind, sim::Bytes name, std::size_t position,
+                           const sim::NameAttributes& issuer)
 {
     sim::AppletObject object{std::move(name)};
     const bool certified = kind.ends_with(WITH_CERTIFICATE);
     kind.resize(kind.size() - (certified ? WITH_CERTIFICATE.size() : 0));
-    putKey(object, kind);
+    putKey(object, kind, position);
     if (certified) {
         object.setCertificate(certificateFor(object, "Velt Holder", issuer));
     }
@@ -121,6 +137,6 @@ void AppletSettings::finish(sim::AppletOptions& options) const
     options.objects.emplace();
     for (std::size_t i = 0; i < kinds.size(); ++i) {
         options.objects->push_back(
-            objectOf(kinds[i], names.empty() ? usualName(i) : nameOf(names[i]), options.issuer));
+            objectOf(kinds[i], names.empty() ? usualName(i) : nameOf(names[i]), i, options.issuer));
     }
 }

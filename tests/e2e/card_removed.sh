@@ -5,6 +5,6 @@ source "$(dirname "$0")/world.bash"
 in_world
 work_directory
 
-"$VELT_MID_SESSION" "$VELT_MODULE" "kill -USR1 $VELT_CARD_PID" "kill -USR2 $VELT_CARD_PID" >out ||
+"$VELT_PROGRAMS/velt-e2e-mid_session" "$VELT_MODULE" "kill -USR1 $VELT_CARD_PID" "kill -USR2 $VELT_CARD_PID" >out ||
     fail "the application saw other codes"
 cat out

@@ -21,12 +21,6 @@ expect_certificate() { # ID, file
     expect_success
     expect_same back "$2"
 }
-power_cycle() {
-    kill -USR1 "$VELT_CARD_PID"
-    await_absence "$VELT_WORLD_DIR/card-1.noticed"
-    kill -USR2 "$VELT_CARD_PID"
-    await_presence "$VELT_WORLD_DIR/card-1.noticed"
-}
 issue First first.der
 issue Second second.der
 

@@ -1,10 +1,10 @@
 // An application whose card is pulled while it works learns so from plain return codes, and goes on
 // with another card without starting again.
 //
-// usage: velt-e2e-mid-session MODULE PULL REINSERT
+// usage: velt-e2e-mid_session MODULE PULL REINSERT
 // PULL and REINSERT are shell commands that take the card (PIN 1234) out of the first reader and
 // put one into it.
-#include "src/front/pkcs11.h"
+#include "tests/e2e/loaded_module.h"
 
 #include <algorithm>
 #include <array>
@@ -12,7 +12,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <functional>
 #include <iostream>
 #include <stdexcept>
@@ -32,21 +31,6 @@ void expect(const std::string& what, CK_ULONG got, CK_ULONG expected)
         std::cout << "    expected 0x" << std::hex << expected << std::dec << '\n';
         ++failures;
     }
-}
-
-CK_FUNCTION_LIST* load(const char* path)
-{
-    void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        throw std::runtime_error(dlerror());
-    }
-    const auto getList =
-        reinterpret_cast<CK_C_GetFunctionList>(dlsym(library, "C_GetFunctionList"));
-    CK_FUNCTION_LIST* list = nullptr;
-    if (getList == nullptr || getList(&list) != CKR_OK) {
-        throw std::runtime_error("the module gives no function list");
-    }
-    return list;
 }
 
 // Lists the slots with a token, as an application does now and then.
@@ -207,11 +191,11 @@ int main(int argc, char** argv)
 {
     const std::vector<std::string> arguments(argv, argv + argc);
     if (arguments.size() != 4) {
-        std::cerr << "usage: velt-e2e-mid-session MODULE PULL REINSERT\n";
+        std::cerr << "usage: velt-e2e-mid_session MODULE PULL REINSERT\n";
         return 2;
     }
     try {
-        module = load(argv[1]);
+        module = loadModule(argv[1]);
         story(arguments[2], arguments[3]);
     } catch (const std::exception& error) {
         std::cout << error.what() << '\n';

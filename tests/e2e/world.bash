@@ -1,17 +1,18 @@
 # Sourced by every end-to-end test: a private world for it, a real client in it, and what it expects.
 # Of a client, `status` is its exit code, and the files out and err hold what it wrote. ctest passes
-# VELT_MODULE, VELT_CARDSIM and VELT_MID_SESSION.
+# VELT_MODULE, VELT_CARDSIM, VELT_PROGRAMS (directory of the programs here) and VELT_RESULTS.
 # shellcheck shell=bash
 set -euo pipefail
 export LC_ALL=C
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+arguments=("$@") # of the test
 
 # in_world OPTIONS...: runs the test again, from its start, inside a world made with these options of
 # private-pcscd; there it returns.
 in_world() {
     [ -z "${VELT_WORLD_DIR:-}" ] || return 0
-    exec "$root/sim/world/private-pcscd" --cardsim "$VELT_CARDSIM" "$@" -- "$0"
+    exec "$root/sim/world/private-pcscd" --cardsim "$VELT_CARDSIM" "$@" -- "$0" "${arguments[@]}"
 }
 
 # work_directory [DIRECTORIES...]: a new one to work in; it goes when the test ends, and those with it.
@@ -22,7 +23,8 @@ work_directory() {
 }
 
 clear_up() {
-    local job
+    local job ended=$?
+    [ "$ended" -ne 0 ] || close_row
     for job in $(jobs -p); do
         kill "$job" 2>/dev/null || true
     done
@@ -86,6 +88,19 @@ commands() {
     grep -cE "^[0-9]+ > .*$1" "$VELT_WORLD_DIR/card-1.log" || true
 }
 
+# The first card leaves its reader and comes back. The service must have noticed in between: it looks
+# at a reader now and then, and would take one that is quick for a card that never left.
+power_cycle() {
+    kill -USR1 "$VELT_CARD_PID"
+    await first_reader_is_empty
+    kill -USR2 "$VELT_CARD_PID"
+    await_presence "$VELT_WORLD_DIR/card-1.noticed"
+}
+
+first_reader_is_empty() {
+    opensc-tool --list-readers | grep -qE '^0 +No '
+}
+
 # await_presence FILE, await_absence FILE: at most ten seconds.
 await_presence() {
     await test -e "$1"
@@ -101,4 +116,45 @@ await() {
         [ $((tries -= 1)) -gt 0 ] || fail "waited in vain: $*"
         sleep 0.02
     done
+}
+
+# What is known in the end of a client and a flow goes, as a line with tabs, into a file in the
+# directory VELT_RESULTS: client, version, family, column, outcome, flow, commands to the card,
+# milliseconds and, where pkcs11-spy looks on, calls of C_GetSlotList.
+row_flow=''
+
+# results_of CLIENT PACKAGE FAMILY: whose rows these are; the package tells the version.
+results_of() {
+    row_client=$1
+    row_version=$(dpkg-query -W -f '${Version}' "$2" | sed -E 's/^[0-9]+://; s/-[^-]*$//')
+    row_family=$3
+    row_file=${VELT_RESULTS:-$PWD}/$(basename "$0" .sh)${3:+-$3}
+    mkdir -p "$(dirname "$row_file")"
+    : >"$row_file"
+}
+
+# row COLUMN ok|part|no FLOW: what the following lines show; they stand for the row if all hold.
+row() {
+    close_row
+    row_column=$1 row_outcome=$2 row_flow=$3
+    echo "$row_client, $row_column: $row_flow"
+    row_commands=$(all_commands) row_listings=$(slot_listings) row_start=${EPOCHREALTIME/./}
+}
+
+close_row() {
+    [ -n "$row_flow" ] || return 0
+    local now=${EPOCHREALTIME/./}
+    printf '%s\t' "$row_client" "$row_version" "$row_family" "$row_column" "$row_outcome" \
+        "$row_flow" $(($(all_commands) - row_commands)) $(((now - row_start) / 1000)) >>"$row_file"
+    echo $(($(slot_listings) - row_listings)) >>"$row_file"
+    row_flow=''
+}
+
+all_commands() {
+    cat "$VELT_WORLD_DIR"/card-*.log | grep -cE '^[0-9]+ > ' || true
+}
+
+slot_listings() {
+    [ -e "${PKCS11SPY_OUTPUT:-}" ] || { echo 0 && return; }
+    grep -cE '^[0-9]+: C_GetSlotList' "$PKCS11SPY_OUTPUT" || true
 }

@@ -28,10 +28,7 @@ expect_success
 head -n 1 out | grep -qx 'Created certificate:' || fail "no certificate created"
 write second.der 88
 expect_success
-kill -USR1 "$VELT_CARD_PID"
-await_absence "$VELT_WORLD_DIR/card-1.noticed"
-kill -USR2 "$VELT_CARD_PID"
-await_presence "$VELT_WORLD_DIR/card-1.noticed"
+power_cycle
 for pair in 87:first 88:second; do
     client --read-object --type cert --id "${pair%:*}" --output-file back
     expect_success
