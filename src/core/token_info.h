@@ -24,6 +24,10 @@ struct TokenDescription {
 void describeToken(const TokenDescription& token, CK_ULONG sessionCount,
                    CK_TOKEN_INFO& info) noexcept;
 
+// What tokens with both kinds of keys offer, as C_GetMechanismList tells it.
+inline constexpr std::array<CK_MECHANISM_TYPE, 4> RSA_AND_GOST_MECHANISMS{
+    CKM_RSA_PKCS_KEY_PAIR_GEN, CKM_RSA_PKCS, CKM_VELT_GOST_KEY_PAIR_GEN, CKM_VELT_GOST_SIGN};
+
 // Answers C_GetMechanismList: always CKR_OK. Without a list, or with too little room for it, the
 // count needed is set and nothing is written; otherwise the caller's count stays.
 CK_RV listMechanisms(std::span<const CK_MECHANISM_TYPE> mechanisms,

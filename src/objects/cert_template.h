@@ -14,7 +14,7 @@ namespace velt {
 using Attributes = std::span<const CK_ATTRIBUTE>;
 
 inline constexpr std::size_t CERT_TEMPLATE_ATTRIBUTES = 4; // as many must have counted
-inline constexpr std::uint8_t NO_CERT_ID = 255;            // kept: so 255 cannot be given
+inline constexpr std::uint8_t NO_CERT_ID = 255;            // Kept: so 255 cannot be given
 inline constexpr std::size_t MAX_TEMPLATE_LABEL = 40;
 
 // What a template gave.

@@ -114,6 +114,12 @@ bool isLive(const ObjectEntry* entry) noexcept
     return entry != nullptr && entry->handle != REMOVED_MARKER && entry->attrs != nullptr;
 }
 
+ObjectEntry* liveEntryOf(CK_OBJECT_HANDLE handle) noexcept
+{
+    ObjectEntry* entry = entryOf(handle);
+    return isLive(entry) ? entry : nullptr;
+}
+
 CertAttr* certificateOf(ObjectEntry* entry) noexcept
 {
     return blockOf<CertAttr>(entry, CKO_CERTIFICATE);

@@ -38,7 +38,7 @@ static_assert(offsetof(ObjectEntry, cardName) == offsetof(ObjectEntry, label) + 
 
 extern ObjectEntry* VELTObj;      // NULL when no table is loaded
 extern std::uint64_t ulObjCount;  // entries in use, as the driver counts them
-extern std::uint64_t tmpObjCount; // objects that a driver found during its scan
+extern std::uint64_t tmpObjCount; // map records or names that a driver found on the token
 
 // Makes sure that the table is current: reloads it through the driver's ObjectsInit when
 // RELOAD_OBJECTS is set. Returns 0 or the driver's code, after which the next call tries again.
@@ -57,6 +57,9 @@ ObjectEntry* entryOf(CK_OBJECT_HANDLE handle) noexcept;
 
 // Whether an entry is there and holds an object with its class block.
 bool isLive(const ObjectEntry* entry) noexcept;
+
+// The entry of a handle if it is live, or NULL.
+ObjectEntry* liveEntryOf(CK_OBJECT_HANDLE handle) noexcept;
 
 // The block of a live entry of the class, or NULL.
 CertAttr* certificateOf(ObjectEntry* entry) noexcept;

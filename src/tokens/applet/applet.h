@@ -3,7 +3,6 @@
 #pragma once
 
 #include "src/core/bytes.h"
-#include "src/core/token_info.h"
 #include "src/front/pkcs11.h"
 #include "src/objects/cert_template.h"
 #include "src/objects/stored_cert.h"
@@ -23,12 +22,15 @@ struct AppletGeneration {
     std::size_t capacity;
 };
 
-// Messages of the operations that are shared; NULL where a family passes none.
+// Messages of the operations that are shared; NULL where a family passes none. They stand apart
+// from the returns that they explain because each is passed for two families.
 struct AppletMessages {
     const char* selectFailed;
     const char* resetFailed;
     const char* wrongPin;
     const char* loggedIn;
+    const char* notLoggedOut;
+    const char* loggedOut;
     const char* countFailed;
     const char* noObjects;
     const char* nameFailed;
@@ -79,6 +81,9 @@ void ensureApplet(const Applet& applet, CK_SESSION_HANDLE hSession) noexcept;
 
 // Sends the PIN as it is; CKR_PIN_INCORRECT for that one status, CKR_OK for all others.
 CK_RV verifyPin(const Applet& applet, CK_SESSION_HANDLE hSession, ByteView pin) noexcept;
+
+// Resets the applet's state; a success clears the flag. 0, or the result of the exchange.
+CK_RV logOut(const Applet& applet, CK_SESSION_HANDLE hSession) noexcept;
 
 // ObjectsInit: asks every name of the token's list for its four types.
 CK_RV loadApplet(const Applet& applet, CK_SESSION_HANDLE hSession) noexcept;

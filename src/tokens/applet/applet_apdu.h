@@ -11,9 +11,12 @@
 
 namespace velt {
 
+// Classes. The applet itself is selected as ISO 7816-4 has it.
 inline constexpr std::uint8_t APPLET_CLA = 0x80;
+inline constexpr std::uint8_t APPLET_CLA_ISO = 0x00;
 
 // Instructions; P1 tells the function.
+inline constexpr std::uint8_t APPLET_INS_SELECT = 0xA4;
 inline constexpr std::uint8_t APPLET_INS_PIN = 0x10;
 inline constexpr std::uint8_t APPLET_INS_KEYS = 0x11;
 inline constexpr std::uint8_t APPLET_INS_OBJECTS = 0x12;
@@ -21,6 +24,7 @@ inline constexpr std::uint8_t APPLET_INS_SIGN = 0x14;
 inline constexpr std::uint8_t APPLET_INS_STATE = 0x15;
 
 // Functions that both have under one number.
+inline constexpr std::uint8_t APPLET_SELECT_BY_NAME = 0x04;
 inline constexpr std::uint8_t APPLET_GENERATE_GOST = 0x20;
 inline constexpr std::uint8_t APPLET_GET_GOST_KEY = 0x21; // the eToken 72K's first half
 inline constexpr std::uint8_t APPLET_GET_NAME = 0x21;
@@ -37,6 +41,10 @@ constexpr std::array<std::uint8_t, 7> appletGetName(std::uint8_t position) noexc
 {
     return {APPLET_CLA, APPLET_INS_OBJECTS, APPLET_GET_NAME, 0x00, 0x02, 0x00, position};
 }
+
+// What a key generation command tells of the keys: RSA of 2,048 bits, GOST of 256.
+inline constexpr std::array<std::uint8_t, 4> APPLET_RSA_PARAMETERS{0x08, 0x00, 0x08, 0x00};
+inline constexpr std::array<std::uint8_t, 2> APPLET_GOST_PARAMETERS{0x01, 0x00};
 
 // Reply capacities, status included.
 inline constexpr std::size_t APPLET_REPLY_STATUS = STATUS_SIZE;

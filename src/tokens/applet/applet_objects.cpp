@@ -2,8 +2,6 @@
 #include "src/front/debug.h"
 #include "src/tokens/applet/applet.h"
 
-#include <algorithm>
-
 #include <zlib.h>
 
 namespace velt {
@@ -11,6 +9,7 @@ namespace velt {
 namespace {
 
 constexpr std::size_t ENTRIES_PER_NAME = 3; // to begin with; a name can bring five
+constexpr std::size_t CLEARED_BEFORE_LOADING = 258;
 constexpr std::uint8_t PROBE_ANSWERED = 0x90;
 
 using NameText = std::array<std::uint8_t, LABEL_SIZE>;
@@ -74,7 +73,7 @@ CK_RV loadName(const Applet& applet, CK_SESSION_HANDLE hSession, std::uint8_t po
         if (!holds(applet, hSession, name.view(), type)) {
             continue;
         }
-        pbyOutput[0] = PROBE_ANSWERED; // Kept: shows when the card answered 00 00.
+        pbyOutput[0] = PROBE_ANSWERED; // Kept: a card may have answered 00 00.
         if (addPart(object, type) != LOAD_DONE) {
             return LOAD_NO_MEMORY;
         }
@@ -94,20 +93,20 @@ AppletName takeName(ByteView name, std::size_t limit) noexcept
 CK_RV loadApplet(const Applet& applet, CK_SESSION_HANDLE hSession) noexcept
 {
     ensureApplet(applet, hSession);
-    fill(ByteRoom{pbyOutput}.first(APPLET_REPLY_PROBE), 0);
+    fill(ByteRoom{pbyOutput}.first(CLEARED_BEFORE_LOADING), 0);
     const std::uint64_t result = exchange(hSession, APPLET_COUNT_OBJECTS, APPLET_REPLY_SHORT);
     if (result != 0) {
         return report(applet.messages.countFailed, result, LOAD_CARD_FAILURE);
     }
-    const std::size_t count = bigEndian16(pbyOutput[0], pbyOutput[1]);
-    if (!rebuildObjects(count * ENTRIES_PER_NAME)) {
+    tmpObjCount = bigEndian16(pbyOutput[0], pbyOutput[1]); // Kept: also the status of a bare one.
+    if (!rebuildObjects(tmpObjCount * ENTRIES_PER_NAME)) {
         return LOAD_NO_MEMORY;
     }
-    if (count == 0) {
+    if (tmpObjCount == 0) {
         const char* message = applet.messages.noObjects;
         return message == nullptr ? LOAD_DONE : report(message, LOAD_DONE);
     }
-    for (std::size_t position = 0; position < count; ++position) {
+    for (std::uint64_t position = 0; position < tmpObjCount; ++position) {
         const CK_RV loaded = loadName(applet, hSession, lowByte(position));
         if (loaded != LOAD_DONE) {
             return loaded;

@@ -8,9 +8,7 @@ namespace {
 
 std::uint64_t sendSelect(CK_SESSION_HANDLE hSession, ByteView aid) noexcept
 {
-    constexpr std::uint8_t INS_SELECT = 0xA4;
-    constexpr std::uint8_t BY_NAME = 0x04;
-    Command select{0x00, INS_SELECT, BY_NAME, 0x00};
+    Command select{APPLET_CLA_ISO, APPLET_INS_SELECT, APPLET_SELECT_BY_NAME, 0x00};
     select.putCounted(aid);
     return exchange(hSession, select, APPLET_REPLY_SHORT);
 }
@@ -43,18 +41,29 @@ void ensureApplet(const Applet& applet, CK_SESSION_HANDLE hSession) noexcept
 // told as a success, which shows at the first signature.
 CK_RV verifyPin(const Applet& applet, CK_SESSION_HANDLE hSession, ByteView pin) noexcept
 {
+    if (pin.size() > MAX_COMMAND_DATA) {
+        return CKR_PIN_LEN_RANGE;
+    }
     ensureApplet(applet, hSession);
     Command verify{APPLET_CLA, APPLET_INS_PIN, applet.pinReference, 0x00};
     verify.putCounted(pin);
-    if (verify.overflowed()) {
-        return CKR_PIN_LEN_RANGE;
-    }
     const std::uint64_t result = exchangeAsIs(hSession, verify);
     verify.wipe();
     if (result == APPLET_SW_WRONG_PIN) {
         return report(applet.messages.wrongPin, result, CKR_PIN_INCORRECT);
     }
     return report(applet.messages.loggedIn, CKR_OK);
+}
+
+CK_RV logOut(const Applet& applet, CK_SESSION_HANDLE hSession) noexcept
+{
+    const std::uint64_t result = exchange(hSession, APPLET_RESET, APPLET_REPLY_SHORT);
+    if (result != 0) {
+        const char* message = applet.messages.notLoggedOut;
+        return message == nullptr ? result : report(message, result, result);
+    }
+    *applet.selected = 0;
+    return report(applet.messages.loggedOut, CKR_OK);
 }
 
 } // namespace velt

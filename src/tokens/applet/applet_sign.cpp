@@ -2,6 +2,8 @@
 #include "src/front/debug.h"
 #include "src/tokens/applet/applet.h"
 
+#include <algorithm>
+
 namespace velt {
 
 CK_RV recordSigning(const Applet& applet, const CK_MECHANISM& mechanism, CK_OBJECT_HANDLE hKey,
@@ -28,7 +30,7 @@ RsaBlock padBlock(ByteView data) noexcept
     block.fill(0xFF);
     block[0] = 0x00;
     block[1] = 0x01;
-    const ByteRoom end = ByteRoom{block}.last(data.size() + 1);
+    const ByteRoom end = ByteRoom{block}.last(std::min(data.size(), MAX_BLOCK_DATA) + 1);
     end[0] = 0x00;
     copyBounded(end.subspan(1), data);
     return block;

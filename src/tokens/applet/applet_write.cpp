@@ -106,7 +106,7 @@ CK_RV generateUnder(const Applet& applet, CK_SESSION_HANDLE hSession, ByteView n
 CK_RV destroyNamed(const Applet& applet, CK_SESSION_HANDLE hSession,
                    CK_OBJECT_HANDLE hObject) noexcept
 {
-    const ObjectEntry* entry = entryOf(hObject);
+    const ObjectEntry* entry = liveEntryOf(hObject);
     if (entry == nullptr) {
         return CKR_FUNCTION_FAILED;
     }

@@ -41,6 +41,7 @@ CK_RV readRsaKey(CK_SESSION_HANDLE hSession, const ObjectEntry& entry, PubKeyAtt
         return report("EToken72K GetPublicKey 1 APDU get RSA public key error ", result,
                       LOAD_CARD_FAILURE);
     }
+    // Kept: behind a short reply its status counts.
     key.modulusBits = std::min(velt::bigEndian16(pbyOutput[0], pbyOutput[1]), MAX_MODULUS_BITS);
     for (std::size_t offset = 0; offset < key.modulusBits / 8; offset += ET_PIECE) {
         result = askRsaKey(hSession, name, velt::ET_RSA_KEY_PIECE, offset, velt::ET_REPLY_PIECE);
@@ -87,30 +88,15 @@ CK_RV readGostKey(CK_SESSION_HANDLE hSession, const ObjectEntry& entry, PubKeyAt
     return LOAD_DONE;
 }
 
-constexpr std::array<std::uint8_t, 7> GET_CERTIFICATE_SIZE{
-    velt::APPLET_CLA, velt::APPLET_INS_OBJECTS, velt::ET_READ_CERTIFICATE, 0x00, 0x02, 0x00, 0x00};
-
-constexpr std::array<std::uint8_t, 9> readPiece(std::size_t offset) noexcept
-{
-    return {velt::APPLET_CLA,
-            velt::APPLET_INS_OBJECTS,
-            velt::ET_READ_CERTIFICATE,
-            0x00,
-            0x04,
-            0x00,
-            velt::lowByte(ET_PIECE),
-            velt::highByte(offset),
-            velt::lowByte(offset)};
-}
-
-using Container = std::array<std::uint8_t, velt::GZIP_ROOM>;
+using Container = std::array<std::uint8_t, CERT_VALUE_SIZE>;
 static_assert(std::tuple_size_v<Container> % ET_PIECE == 0);
 
 // Reads the selected certificate as far as the container goes. Kept: whole pieces, also the last.
 CK_RV readContainer(CK_SESSION_HANDLE hSession, Container& container, std::size_t size) noexcept
 {
     for (std::size_t offset = 0; offset < std::min(size, container.size()); offset += ET_PIECE) {
-        const std::uint64_t result = exchange(hSession, readPiece(offset), velt::ET_REPLY_PIECE);
+        const std::uint64_t result =
+            exchange(hSession, velt::etReadCertificate(offset), velt::ET_REPLY_PIECE);
         if (result != 0) {
             return report("EToken72K GetCertificate 3 APDU error ", result, LOAD_CARD_FAILURE);
         }
@@ -138,7 +124,7 @@ CK_RV fGetCertificateET72K(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession,
 {
     ObjectEntry* entry = velt::entryOf(hObject);
     if (entry == nullptr) {
-        return CKR_OK; // the search asks for the object before the first
+        return CKR_OK; // a search may ask for the object before the first
     }
     const Command select = velt::commandOn(velt::cardNameOf(*entry), velt::APPLET_INS_OBJECTS,
                                            velt::ET_SELECT_CERTIFICATE);
@@ -146,10 +132,11 @@ CK_RV fGetCertificateET72K(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession,
     if (result != 0) {
         return report("EToken72K GetCertificate 1 APDU error ", result, LOAD_CARD_FAILURE);
     }
-    result = exchange(hSession, GET_CERTIFICATE_SIZE, velt::APPLET_REPLY_SHORT);
+    result = exchange(hSession, velt::ET_GET_CERTIFICATE_SIZE, velt::APPLET_REPLY_SHORT);
     if (result != 0) {
         return report("EToken72K GetCertificate 2 APDU error ", result, LOAD_CARD_FAILURE);
     }
+    // Kept: behind a short reply its status counts.
     const std::size_t size = velt::bigEndian16(pbyOutput[0], pbyOutput[1]);
     Container container{};
     const CK_RV read = readContainer(hSession, container, size);

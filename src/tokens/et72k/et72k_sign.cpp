@@ -5,6 +5,7 @@
 #include "src/tokens/et72k/et72k_applet.h"
 
 #include <algorithm>
+#include <array>
 
 using velt::ByteRoom;
 using velt::ByteView;
@@ -65,18 +66,12 @@ std::uint64_t signBlock(CK_SESSION_HANDLE hSession, ByteView name) noexcept
     return exchange(hSession, velt::putName(sign, name), velt::APPLET_REPLY_SHORT);
 }
 
-constexpr std::array<std::uint8_t, 7> readSignaturePiece(std::size_t offset) noexcept
-{
-    return {velt::APPLET_CLA,       velt::APPLET_INS_OBJECTS, velt::ET_READ_SIGNATURE, 0x00, 0x02,
-            velt::highByte(offset), velt::lowByte(offset)};
-}
-
 // Kept: whole pieces of the reply buffer, also where a reply was shorter.
 std::uint64_t readSignature(CK_SESSION_HANDLE hSession, Signature& signature) noexcept
 {
     for (std::size_t offset = 0; offset < signature.length; offset += ET_PIECE) {
         const std::uint64_t result =
-            exchange(hSession, readSignaturePiece(offset), velt::ET_REPLY_PIECE);
+            exchange(hSession, velt::etReadSignature(offset), velt::ET_REPLY_PIECE);
         if (result != 0) {
             return result;
         }
@@ -89,17 +84,17 @@ std::uint64_t readSignature(CK_SESSION_HANDLE hSession, Signature& signature) no
 CK_RV signRsa(CK_SESSION_HANDLE hSession, const ObjectEntry& key, ByteView data,
               Signature& signature) noexcept
 {
-    if (data.size() > velt::MAX_BLOCK_DATA) {
-        return CKR_DATA_LEN_RANGE;
-    }
     const PubKeyAttr* publicKey = publicKeyBefore(key);
     if (publicKey == nullptr) {
         return CKR_KEY_HANDLE_INVALID;
     }
+    if (data.size() > velt::MAX_BLOCK_DATA) {
+        return CKR_DATA_LEN_RANGE;
+    }
     if (publicKey->modulusBits == 0) {
         fGetPublicKeyET72K(nullptr, hSession, hSignKeyET72K - 1);
     }
-    signature.length = publicKey->modulusBits / 8;
+    signature.length = std::min(publicKey->modulusBits / 8, signature.bytes.size());
     std::uint64_t result = putBlock(hSession, velt::padBlock(data));
     if (result != 0) {
         return refuse("EToken72K Sign 1 APDU RSA error ", result);
@@ -121,9 +116,6 @@ void takeHalf(Signature& signature, std::size_t place) noexcept
     signature.length += length;
 }
 
-constexpr std::array<std::uint8_t, 5> GET_GOST_REST{velt::APPLET_CLA, velt::APPLET_INS_KEYS,
-                                                    velt::ET_GET_GOST_REST, 0x00, 0x00};
-
 CK_RV signGost(CK_SESSION_HANDLE hSession, const ObjectEntry& key, ByteView data,
                Signature& signature) noexcept
 {
@@ -137,7 +129,7 @@ CK_RV signGost(CK_SESSION_HANDLE hSession, const ObjectEntry& key, ByteView data
         return refuse("EToken72K Sign 1 APDU GOST error ", result);
     }
     takeHalf(signature, 0);
-    result = exchange(hSession, GET_GOST_REST, velt::ET_REPLY_PIECE);
+    result = exchange(hSession, velt::ET_GET_GOST_REST, velt::ET_REPLY_PIECE);
     if (result != 0) {
         return refuse("EToken72K Sign 2 APDU GOST error ", result);
     }
@@ -160,7 +152,7 @@ CK_RV fSignET72K(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession, CK_BYTE* pD
     if (!isRsa && pSignMechanismET72K.mechanism != CKM_VELT_GOST_SIGN) {
         return report("EToken72K Sign Unknown mechanism", CKR_FUNCTION_FAILED);
     }
-    const ObjectEntry* key = velt::entryOf(hSignKeyET72K);
+    const ObjectEntry* key = velt::liveEntryOf(hSignKeyET72K);
     if (key == nullptr) {
         return CKR_KEY_HANDLE_INVALID;
     }

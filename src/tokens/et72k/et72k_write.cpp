@@ -18,20 +18,13 @@ namespace {
 
 constexpr std::size_t NEW_NAME_SIZE = 12;
 
-std::uint64_t announceSize(CK_SESSION_HANDLE hSession, std::size_t size) noexcept
-{
-    Command start{velt::APPLET_CLA, velt::APPLET_INS_OBJECTS, velt::ET_START_CERTIFICATE, 0x00};
-    start.put(0x04).put(0x00).put(0x00).put(velt::highByte(size)).put(velt::lowByte(size));
-    return velt::exchange(hSession, start, velt::APPLET_REPLY_SHORT);
-}
-
 // The token appends what comes. Kept: the loop ends one byte early, so a last piece of a single
 // byte is never sent; and each reply's capacity is the length of the one before.
 std::uint64_t sendPieces(CK_SESSION_HANDLE hSession, ByteView stored) noexcept
 {
     for (std::size_t offset = 0; offset + 1 < stored.size(); offset += ET_PIECE) {
         const ByteView piece = stored.subspan(offset, std::min(ET_PIECE, stored.size() - offset));
-        Command put{velt::APPLET_CLA, velt::APPLET_INS_OBJECTS, velt::ET_START_CERTIFICATE, 0x00};
+        Command put{velt::APPLET_CLA, velt::APPLET_INS_OBJECTS, velt::ET_PUT_CERTIFICATE, 0x00};
         put.put(velt::lowByte(2 + piece.size())).put(0x00).putCounted(piece);
         const std::uint64_t result = velt::exchangeAsIs(hSession, put);
         if (result != 0) {
@@ -44,7 +37,8 @@ std::uint64_t sendPieces(CK_SESSION_HANDLE hSession, ByteView stored) noexcept
 // Kept: what was sent stays on the token when a later step fails.
 CK_RV sendCertificate(CK_SESSION_HANDLE hSession, ByteView stored, ByteView name) noexcept
 {
-    std::uint64_t result = announceSize(hSession, stored.size());
+    std::uint64_t result = velt::exchange(hSession, velt::etPutCertificateSize(stored.size()),
+                                          velt::APPLET_REPLY_SHORT);
     if (result != 0) {
         return report("EToken72K CreateObject APDU write certificate size error ", result,
                       CKR_FUNCTION_FAILED);

@@ -6,35 +6,32 @@ std::uint8_t JCAppletSelected = 0;
 
 namespace velt {
 
-namespace {
-
-constexpr std::array<std::uint8_t, 12> AID{0xA0, 0x00, 0x67, 0x61, 0x6D, 0x6D,
-                                           0x61, 0x74, 0x65, 0x63, 0x68, 0x00};
-constexpr std::array<std::uint8_t, 4> RSA_2048{0x08, 0x00, 0x08, 0x00};
-constexpr std::array<std::uint8_t, 2> GOST_256{0x01, 0x00};
-
-} // namespace
-
 constexpr Applet JC_APPLET{
-    .aid = AID,
+    .aid = JC_AID,
     .selected = &JCAppletSelected,
     .select = fSelectAppletJC,
-    .pinReference = 0x21,
+    .pinReference = JC_USER_PIN,
     .nameCapacity = JC_REPLY_NAME,
     .maxName = APPLET_MAX_NAME,
     .nameInReply = replyData,
-    .probe = 0x24,
+    .probe = JC_PROBE,
     .gostSigning = CKM_JC_GOST_SIGN,
-    .generateRsa = {.p1 = 0x23, .parameters = RSA_2048, .capacity = JC_REPLY_LONG},
-    .generateGost = {.p1 = APPLET_GENERATE_GOST, .parameters = GOST_256, .capacity = JC_REPLY_LONG},
+    .generateRsa = {.p1 = JC_GENERATE_RSA,
+                    .parameters = APPLET_RSA_PARAMETERS,
+                    .capacity = JC_REPLY_LONG},
+    .generateGost = {.p1 = APPLET_GENERATE_GOST,
+                     .parameters = APPLET_GOST_PARAMETERS,
+                     .capacity = JC_REPLY_LONG},
     .newKeysField = &ObjectEntry::label, // Kept: labels are hexadecimal, so nothing is found.
-    .destroy = 0x23,
+    .destroy = JC_DESTROY,
     .messages =
         {
             .selectFailed = "JaCarta select applet APDU error",
             .resetFailed = "JaCarta init vars APDU error",
             .wrongPin = "JaCarta Login CKR_PIN_INCORRECT ",
             .loggedIn = "JaCarta Login CKR_OK",
+            .notLoggedOut = nullptr,
+            .loggedOut = "JaCarta Logout CKR_OK",
             .countFailed = "JaCarta ObjectsInit APDU get objects count error ",
             .noObjects = nullptr,
             .nameFailed = "JaCarta ObjectsInit APDU get object name error ",
@@ -61,3 +58,8 @@ constexpr Applet JC_APPLET{
 };
 
 } // namespace velt
+
+std::uint64_t fSelectAppletJC(CK_SESSION_HANDLE hSession) noexcept
+{
+    return velt::selectApplet(velt::JC_APPLET, hSession);
+}

@@ -66,7 +66,7 @@ CK_RV fGetCertificateJC(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession,
 {
     ObjectEntry* entry = velt::entryOf(hObject);
     if (entry == nullptr) {
-        return CKR_OK; // the search asks for the object before the first
+        return CKR_OK; // a search may ask for the object before the first
     }
     const velt::Command read = velt::commandOn(velt::cardNameOf(*entry), velt::APPLET_INS_OBJECTS,
                                                velt::JC_READ_CERTIFICATE);

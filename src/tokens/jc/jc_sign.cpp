@@ -4,6 +4,8 @@
 #include "src/tokens/jc/jc.h"
 #include "src/tokens/jc/jc_applet.h"
 
+#include <array>
+
 using velt::ByteRoom;
 using velt::ByteView;
 using velt::Command;
@@ -80,7 +82,7 @@ CK_RV fSignJC(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession, CK_BYTE* pData
     if (!isRsa && pSignMechanismJC.mechanism != velt::CKM_JC_GOST_SIGN) {
         return report("JaCarta Sign Unknown mechanism", CKR_FUNCTION_FAILED);
     }
-    const ObjectEntry* key = velt::entryOf(hSignKeyJC);
+    const ObjectEntry* key = velt::liveEntryOf(hSignKeyJC);
     if (key == nullptr) {
         return CKR_KEY_HANDLE_INVALID;
     }
@@ -109,9 +111,8 @@ CK_RV fGenerateRandomJC(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession, CK_B
     if (ulRandomLen > MAX_RANDOM) {
         return report("JaCarta GenerateRandom error too big len ", ulRandomLen, CKR_ARGUMENTS_BAD);
     }
-    Command draw{velt::APPLET_CLA, velt::APPLET_INS_SIGN, velt::JC_GET_RANDOM, 0x00};
-    draw.put(0x02).put(velt::highByte(ulRandomLen)).put(velt::lowByte(ulRandomLen));
-    const std::uint64_t result = exchange(hSession, draw, ulRandomLen + velt::STATUS_SIZE);
+    const std::uint64_t result =
+        exchange(hSession, velt::jcGetRandom(ulRandomLen), ulRandomLen + velt::STATUS_SIZE);
     if (result == velt::APPLET_SW_NOT_LOGGED_IN) {
         return report("JaCarta GenerateRandom CKR_USER_NOT_LOGGED_IN", CKR_USER_NOT_LOGGED_IN);
     }

@@ -5,8 +5,6 @@
 #include "src/core/token_info.h"
 #include "src/tokens/kt/kt.h"
 
-#include <array>
-
 namespace {
 
 // Kept: the label has a zero byte behind its blanks and then the start of the maker's name.
@@ -19,9 +17,6 @@ constexpr velt::TokenDescription KAZTOKEN{
     .maxPinLength = 10,
 };
 
-constexpr std::array<CK_MECHANISM_TYPE, 4> MECHANISMS{
-    CKM_RSA_PKCS_KEY_PAIR_GEN, CKM_RSA_PKCS, CKM_VELT_GOST_KEY_PAIR_GEN, CKM_VELT_GOST_SIGN};
-
 } // namespace
 
 CK_RV fGetTokenInfoKT(TokenDriver* /*table*/, CK_SLOT_ID /*slotID*/, CK_TOKEN_INFO* pInfo) noexcept
@@ -33,7 +28,7 @@ CK_RV fGetTokenInfoKT(TokenDriver* /*table*/, CK_SLOT_ID /*slotID*/, CK_TOKEN_IN
 CK_RV fGetMechanismListKT(TokenDriver* /*table*/, CK_MECHANISM_TYPE* pMechanismList,
                           CK_ULONG* pulCount) noexcept
 {
-    return velt::listMechanisms(MECHANISMS, pMechanismList, pulCount);
+    return velt::listMechanisms(velt::RSA_AND_GOST_MECHANISMS, pMechanismList, pulCount);
 }
 
 constexpr TokenDriver driverKT{

@@ -140,8 +140,8 @@ CK_RV fSignKT(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession, CK_BYTE* pData
     if (!isRsa && pSignMechanismKT.mechanism != CKM_VELT_GOST_SIGN) {
         return report("KAZTOKEN Sign Unknown mechanism", CKR_FUNCTION_FAILED);
     }
-    const ObjectEntry* key = velt::entryOf(hSignKeyKT);
-    if (!velt::isLive(key)) {
+    const ObjectEntry* key = velt::liveEntryOf(hSignKeyKT);
+    if (key == nullptr) {
         return CKR_KEY_HANDLE_INVALID;
     }
     const auto sign = isRsa ? signRsa : signGost;

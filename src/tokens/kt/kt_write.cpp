@@ -247,8 +247,8 @@ CK_RV fGenerateKeyPairKT(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession,
 CK_RV fDestroyObjectKT(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession,
                        CK_OBJECT_HANDLE hObject) noexcept
 {
-    const ObjectEntry* entry = velt::entryOf(hObject);
-    if (!velt::isLive(entry)) {
+    const ObjectEntry* entry = velt::liveEntryOf(hObject);
+    if (entry == nullptr) {
         return CKR_FUNCTION_FAILED;
     }
     const std::uint8_t id = entry->id[0];

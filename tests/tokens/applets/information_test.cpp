@@ -170,10 +170,23 @@ TEST_P(AppletInformation, NoPinStaysInTheCommandBuffer)
     }
 }
 
-TEST_P(AppletInformation, APinBeyondTheCommandBufferIsNotSent)
+TEST_P(AppletInformation, APinBeyondTheCommandBufferIsRefusedBeforeAnythingIsSent)
 {
-    EXPECT_EQ(CKR_PIN_LEN_RANGE, login(std::string(70000, '1')));
-    EXPECT_MESSAGES(mark);
+    for (const std::uint8_t selected : {1, 0}) {
+        family.selected = selected;
+        EXPECT_EQ(CKR_PIN_LEN_RANGE, login(std::string(65544, '1')));
+        EXPECT_EQ(CKR_PIN_LEN_RANGE, login(std::string(70000, '1')));
+        EXPECT_EQ(selected, family.selected);
+        EXPECT_MESSAGES(mark);
+    }
+}
+
+TEST_P(AppletInformation, ThePinMayFillTheCommandBuffer)
+{
+    const std::string pin(65543, '1');
+    dwReplyLen = 2;
+    expect(verify(text(pin)), hex(OK), 2);
+    EXPECT_EQ(CKR_OK, login(pin));
 }
 
 // --- logout ---

@@ -64,6 +64,16 @@ TEST_P(AppletObjects, ATokenWithoutNamesHasNoObjects)
     EXPECT_MESSAGES(mark, toldIf(family.noObjects));
 }
 
+TEST_P(AppletObjects, ALoadTellsHowManyNamesItFound)
+{
+    tmpObjCount = 77;
+    load({{nameOf(1), ALL_PARTS}, {nameOf(2), {}}});
+    EXPECT_EQ(2U, tmpObjCount);
+    expectCount(0);
+    EXPECT_EQ(0U, loadObjects());
+    EXPECT_EQ(0U, tmpObjCount);
+}
+
 TEST_P(AppletObjects, EveryCombinationOfPartsMakesItsEntriesInTheOrderOfTheParts)
 {
     std::vector<Named> objects;

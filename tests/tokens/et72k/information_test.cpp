@@ -175,6 +175,14 @@ TEST_F(Et72kInformation, WithoutAPairOfZerosThereIsNoSerialNumber)
     }
 }
 
+TEST_F(Et72kInformation, APairMayEndInTheStatus)
+{
+    deselect();
+    expectSelectionWith("31 32 00 00 01"); // refused, which does not matter
+    select();
+    expectSerial(hex("31 32"));
+}
+
 TEST_F(Et72kInformation, APairBeyondTheBufferIsCutThere)
 {
     const Bytes data = Bytes(25, 'x') + hex("00 00") + Bytes(3, 'y');

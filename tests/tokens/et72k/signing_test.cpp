@@ -249,6 +249,7 @@ TEST_F(Et72kSigning, HandlesWithoutTheirPublicKeyBeforeThemSignNothing)
     for (const CK_OBJECT_HANDLE key : {0UL, 1UL, 3UL, 4UL, 6UL, 7UL, 8UL, ~0UL}) {
         init(CKM_RSA_PKCS, key);
         EXPECT_EQ(CKR_KEY_HANDLE_INVALID, sign(pattern(20))) << key;
+        EXPECT_EQ(CKR_KEY_HANDLE_INVALID, sign(pattern(254))) << "named before the data's length";
         expectNoSignature();
         EXPECT_MESSAGES(mark);
     }
@@ -393,7 +394,7 @@ TEST_F(Et72kSigning, AFailureAtEachGostExchange)
 
 TEST_F(Et72kSigning, HandlesWithoutAnEntrySignNothing)
 {
-    for (const CK_OBJECT_HANDLE key : {0UL, 7UL, 8UL, ~0UL}) {
+    for (const CK_OBJECT_HANDLE key : {0UL, 4UL, 5UL, 6UL, 7UL, 8UL, ~0UL}) {
         init(GOST_SIGN, key);
         EXPECT_EQ(CKR_KEY_HANDLE_INVALID, sign(pattern(32))) << key;
         expectNoSignature();
@@ -446,6 +447,17 @@ TEST_F(Et72kSigning, ASizeQueryAndASmallBufferSignAsWell)
 }
 
 // --- random bytes ---
+
+TEST_F(Et72kSigning, TheNextLoginOffersRoomForAPieceOfASignature)
+{
+    init(GOST_SIGN, GOST_KEY);
+    expect(gostSign(pattern(32)), pattern(32) + hex(OK), 34);
+    expect(hex(SECOND_HALF), pattern(32, 2) + hex(OK), 34);
+    EXPECT_EQ(CKR_OK, sign(pattern(32)));
+    expect("80 10 20 00 04 31 32 33 34", OK, 34);
+    std::string pin = "1234";
+    EXPECT_EQ(CKR_OK, fLoginET72K(table, session, reinterpret_cast<CK_UTF8CHAR*>(pin.data()), 4));
+}
 
 TEST_F(Et72kSigning, RandomBytesAreNotOffered)
 {

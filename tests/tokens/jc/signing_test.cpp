@@ -108,13 +108,16 @@ TEST_F(JcSigning, AnyEntrysNameSigns)
     expectSignature(turned(pattern(64)));
 }
 
-TEST_F(JcSigning, AnEntryThatIsNotMadeSignsUnderTheEmptyName)
+TEST_F(JcSigning, AnEntryThatIsNotMadeSignsNothing)
 {
     load({{RSA_NAME, {CERTIFICATE}}});
-    init(CKM_RSA_PKCS, 2);
-    expect(rsaCommand({}, pattern(20)), pattern(256) + hex(OK), 2050);
-    EXPECT_EQ(CKR_OK, sign(pattern(20)));
-    expectSignature(pattern(256));
+    for (const CK_MECHANISM_TYPE mechanism : {CK_MECHANISM_TYPE{CKM_RSA_PKCS}, GOST_SIGN}) {
+        init(mechanism, 2);
+        EXPECT_EQ(CKR_KEY_HANDLE_INVALID, sign(pattern(20)));
+        EXPECT_EQ(CKR_KEY_HANDLE_INVALID, sign(pattern(300))) << "named before the data's length";
+        expectNoSignature();
+        EXPECT_MESSAGES(mark);
+    }
 }
 
 TEST_F(JcSigning, AnRsaSignatureIsTheReplyWhateverItsLength)
