@@ -172,7 +172,7 @@ TEST_P(AppletInformation, NoPinStaysInTheCommandBuffer)
 
 TEST_P(AppletInformation, APinBeyondTheCommandBufferIsRefusedBeforeAnythingIsSent)
 {
-    for (const std::uint8_t selected : {1, 0}) {
+    for (const std::uint8_t selected : {std::uint8_t{1}, std::uint8_t{0}}) {
         family.selected = selected;
         EXPECT_EQ(CKR_PIN_LEN_RANGE, login(std::string(65544, '1')));
         EXPECT_EQ(CKR_PIN_LEN_RANGE, login(std::string(70000, '1')));

@@ -455,8 +455,7 @@ TEST_F(Et72kSigning, TheNextLoginOffersRoomForAPieceOfASignature)
     expect(hex(SECOND_HALF), pattern(32, 2) + hex(OK), 34);
     EXPECT_EQ(CKR_OK, sign(pattern(32)));
     expect("80 10 20 00 04 31 32 33 34", OK, 34);
-    std::string pin = "1234";
-    EXPECT_EQ(CKR_OK, fLoginET72K(table, session, reinterpret_cast<CK_UTF8CHAR*>(pin.data()), 4));
+    EXPECT_EQ(CKR_OK, login("1234"));
 }
 
 TEST_F(Et72kSigning, RandomBytesAreNotOffered)
