@@ -36,12 +36,41 @@ inline void VELT_PKCS11_Debug(const char* message) noexcept
 
 namespace velt {
 
-// Passes a message on the way out; `result` is returned as it is.
+// The text of a message that is passed for more than one family, or none. Only a build that keeps
+// messages holds the text.
+class Message {
+public:
+    constexpr Message() noexcept = default;
+#ifdef VELT_DEBUG_LOG
+    constexpr Message(const char* text) noexcept : text_(text) {}
+    const char* text() const noexcept
+    {
+        return text_;
+    }
+
+private:
+    const char* text_ = nullptr;
+#else
+    consteval Message(const char* /*text*/) noexcept {}
+    static const char* text() noexcept
+    {
+        return nullptr;
+    }
+#endif
+};
+
+// Passes a message, if there is one, on the way out; `result` is returned as it is.
 template <class Result>
 inline Result report(const char* message, Result result) noexcept
 {
     VELT_PKCS11_Debug(message);
     return result;
+}
+
+template <class Result>
+inline Result report(Message message, Result result) noexcept
+{
+    return message.text() == nullptr ? result : report(message.text(), result);
 }
 
 // The same for a message with a number.
@@ -50,6 +79,12 @@ inline Result report(const char* message, std::uint64_t value, Result result) no
 {
     VELT_PKCS11_DebugD(message, DEBUG_WITH_NUMBER, value);
     return result;
+}
+
+template <class Result>
+inline Result report(Message message, std::uint64_t value, Result result) noexcept
+{
+    return message.text() == nullptr ? result : report(message.text(), value, result);
 }
 
 // A message on a line of its own, where the flow goes on.
@@ -61,6 +96,11 @@ inline void note(const char* message) noexcept
 inline void note(const char* message, std::uint64_t value) noexcept
 {
     VELT_PKCS11_DebugD(message, DEBUG_WITH_NUMBER, value);
+}
+
+inline void note(Message message, std::uint64_t value) noexcept
+{
+    report(message, value, true);
 }
 
 } // namespace velt

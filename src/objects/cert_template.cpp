@@ -1,7 +1,5 @@
 #include "src/objects/cert_template.h"
 
-#include "src/front/debug.h"
-
 #include <algorithm>
 #include <array>
 
@@ -28,18 +26,11 @@ const ObjectEntry* findLabel(ByteView text) noexcept
     return nullptr;
 }
 
-// Passes the message of a value that ends the reading, if there is one.
-CK_RV refuseValue(const char* message) noexcept
-{
-    return message == nullptr ? CKR_ATTRIBUTE_VALUE_INVALID
-                              : report(message, CKR_ATTRIBUTE_VALUE_INVALID);
-}
-
-CK_RV readLabel(const CK_ATTRIBUTE& attribute, const char* longLabel,
+CK_RV readLabel(const CK_ATTRIBUTE& attribute, Message longLabel,
                 CertificateTemplate& request) noexcept
 {
     if (attribute.ulValueLen > MAX_TEMPLATE_LABEL) {
-        return refuseValue(longLabel);
+        return report(longLabel, CKR_ATTRIBUTE_VALUE_INVALID);
     }
     if (attribute.pValue == nullptr && attribute.ulValueLen != 0) {
         return CKR_ATTRIBUTE_VALUE_INVALID;
@@ -53,11 +44,10 @@ CK_RV readLabel(const CK_ATTRIBUTE& attribute, const char* longLabel,
     return CKR_OK;
 }
 
-CK_RV readId(const CK_ATTRIBUTE& attribute, const char* badId,
-             CertificateTemplate& request) noexcept
+CK_RV readId(const CK_ATTRIBUTE& attribute, Message badId, CertificateTemplate& request) noexcept
 {
     if (attribute.ulValueLen != 1) {
-        return refuseValue(badId);
+        return report(badId, CKR_ATTRIBUTE_VALUE_INVALID);
     }
     if (attribute.pValue == nullptr) {
         return CKR_ATTRIBUTE_VALUE_INVALID;

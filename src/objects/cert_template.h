@@ -2,6 +2,7 @@
 #pragma once
 
 #include "src/core/bytes.h"
+#include "src/front/debug.h"
 #include "src/front/pkcs11.h"
 #include "src/objects/object_table.h"
 
@@ -33,11 +34,11 @@ CK_RV readCertClass(const CK_ATTRIBUTE& attribute, CertificateTemplate& request)
 CK_RV readCertToken(const CK_ATTRIBUTE& attribute, CertificateTemplate& request) noexcept;
 CK_RV readCertValue(const CK_ATTRIBUTE& attribute, CertificateTemplate& request) noexcept;
 
-// The messages that a family passes; NULL for none.
+// The messages that a family passes, or none.
 struct TemplateMessages {
-    const char* unknownType; // passed with the type
-    const char* longLabel = nullptr;
-    const char* badId = nullptr;
+    Message unknownType; // passed with the type
+    Message longLabel{};
+    Message badId{};
 };
 
 // Reads a whole template in which an existing key's label or ID chooses the place. A label of more

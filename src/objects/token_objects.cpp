@@ -1,7 +1,6 @@
 #include "src/objects/token_objects.h"
 
 #include "src/core/session.h"
-#include "src/front/debug.h"
 #include "src/front/state.h"
 
 #include <algorithm>
@@ -84,7 +83,7 @@ ByteView cardNameOf(const ObjectEntry& entry) noexcept
 }
 
 CK_RV readPublicKey(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, ReadKey readRsa,
-                    ReadKey readGost, const char* done) noexcept
+                    ReadKey readGost, Message done) noexcept
 {
     ObjectEntry* entry = entryOf(hObject);
     PubKeyAttr* key = publicKeyOf(entry);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "src/core/bytes.h"
+#include "src/front/debug.h"
 #include "src/front/pkcs11.h"
 #include "src/objects/object_table.h"
 
@@ -39,7 +40,7 @@ using ReadKey = CK_RV (*)(CK_SESSION_HANDLE hSession, const ObjectEntry& entry,
 // GetPublicKey: reads the key of a public-key entry by its type; any other entry, or type, is done
 // without the token. Passes `done` after a success.
 CK_RV readPublicKey(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, ReadKey readRsa,
-                    ReadKey readGost, const char* done) noexcept;
+                    ReadKey readGost, Message done) noexcept;
 
 // Loads the objects anew after a key generation: CKR_OK, CKR_HOST_MEMORY or CKR_DEVICE_ERROR. Kept:
 // no other failure of the load counts.

@@ -17,8 +17,8 @@ enum Part : std::uint8_t {
     RSA_PAIR = 3,
 };
 
-inline constexpr CK_KEY_TYPE GOST_KEY_TYPE = 0x84B5A001;
-inline constexpr std::string_view NO_SUCH_PART = "64 28";
+constexpr CK_KEY_TYPE GOST_KEY_TYPE = 0x84B5A001;
+constexpr std::string_view NO_SUCH_PART = "64 28";
 
 // A name on the card, and which parts are under it.
 struct Named {

@@ -20,24 +20,24 @@ namespace velt_test {
 using Handles = std::vector<CK_OBJECT_HANDLE>;
 
 // The vendor's mechanisms as numbers of 64 bits: as they are, and with their sign carried on.
-inline constexpr CK_MECHANISM_TYPE GOST_SIGN = 0x84B5A002;
-inline constexpr CK_MECHANISM_TYPE GOST_SIGN_EXTENDED = 0xFFFFFFFF84B5A002;
-inline constexpr CK_KEY_TYPE GOST_KEY = 0x84B5A001;
+constexpr CK_MECHANISM_TYPE GOST_SIGN = 0x84B5A002;
+constexpr CK_MECHANISM_TYPE GOST_SIGN_EXTENDED = 0xFFFFFFFF84B5A002;
+constexpr CK_KEY_TYPE GOST_KEY = 0x84B5A001;
 
 // Handles of the objects that both tokens bring by themselves.
-inline constexpr CK_OBJECT_HANDLE RSA_CERTIFICATE = 1;
-inline constexpr CK_OBJECT_HANDLE RSA_PUBLIC = 2;
-inline constexpr CK_OBJECT_HANDLE RSA_PRIVATE = 3;
-inline constexpr CK_OBJECT_HANDLE GOST_PRIVATE = 4;
-inline constexpr CK_OBJECT_HANDLE GOST_PUBLIC = 5;
-inline constexpr CK_OBJECT_HANDLE GOST_CERTIFICATE = 6;
-inline constexpr CK_OBJECT_HANDLE OLD_PUBLIC = 7; // of the eToken alone
-inline constexpr CK_OBJECT_HANDLE OLD_PRIVATE = 8;
+constexpr CK_OBJECT_HANDLE RSA_CERTIFICATE = 1;
+constexpr CK_OBJECT_HANDLE RSA_PUBLIC = 2;
+constexpr CK_OBJECT_HANDLE RSA_PRIVATE = 3;
+constexpr CK_OBJECT_HANDLE GOST_PRIVATE = 4;
+constexpr CK_OBJECT_HANDLE GOST_PUBLIC = 5;
+constexpr CK_OBJECT_HANDLE GOST_CERTIFICATE = 6;
+constexpr CK_OBJECT_HANDLE OLD_PUBLIC = 7; // of the eToken alone
+constexpr CK_OBJECT_HANDLE OLD_PRIVATE = 8;
 
 // Positions of those objects on the token.
-inline constexpr std::size_t RSA_OBJECT = 0;
-inline constexpr std::size_t GOST_OBJECT = 1;
-inline constexpr std::size_t OLD_OBJECT = 2;
+constexpr std::size_t RSA_OBJECT = 0;
+constexpr std::size_t GOST_OBJECT = 1;
+constexpr std::size_t OLD_OBJECT = 2;
 
 inline std::string labelOf(const Bytes& name)
 {

@@ -13,8 +13,8 @@ namespace sim::applet_talk {
 
 using namespace card_talk;
 
-inline constexpr const char* INITIALISE = "80 15 20 00 00";
-inline constexpr const char* COUNT_OBJECTS = "80 12 22 00 00";
+constexpr const char* INITIALISE = "80 15 20 00 00";
+constexpr const char* COUNT_OBJECTS = "80 12 22 00 00";
 
 inline std::string hexByte(std::size_t value)
 {

@@ -7,7 +7,7 @@
 
 namespace velt_test {
 
-inline const std::vector<const Applet*> APPLETS{&JACARTA, &ETOKEN};
+const std::vector<const Applet*> APPLETS{&JACARTA, &ETOKEN};
 
 // A session on a card of the family that is the parameter.
 class EachApplet : public AppletTest, public testing::WithParamInterface<const Applet*> {

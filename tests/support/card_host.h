@@ -20,9 +20,9 @@ namespace velt_test {
 using sim::Bytes;
 using sim::hex;
 
-inline constexpr const char* CARD_READER = "Stand-in Reader 00 00";
-inline constexpr std::string_view PIN = "1234";
-inline constexpr CK_BYTE SENTINEL = 0xA5;
+constexpr const char* CARD_READER = "Stand-in Reader 00 00";
+constexpr std::string_view PIN = "1234";
+constexpr CK_BYTE SENTINEL = 0xA5;
 
 // A command as the reader saw it, with the room for its reply.
 struct Sent {

@@ -159,12 +159,12 @@ inline Certificate makeCertificate(const CertificateSpec& spec)
 }
 
 // An issuer whose six attributes all count, and a subject with all that has a slot.
-inline const NameEntries FULL_ISSUER{
+const NameEntries FULL_ISSUER{
     {"C", V_ASN1_PRINTABLESTRING, "KZ"},       {"ST", V_ASN1_UTF8STRING, "Abai"},
     {"L", V_ASN1_UTF8STRING, "Semey"},         {"O", V_ASN1_UTF8STRING, "Velt Trust"},
     {"OU", V_ASN1_PRINTABLESTRING, "Test CA"}, {"CN", V_ASN1_UTF8STRING, "Velt Test CA"},
 };
-inline const NameEntries FULL_SUBJECT{
+const NameEntries FULL_SUBJECT{
     {"C", V_ASN1_PRINTABLESTRING, "KZ"},
     {"ST", V_ASN1_UTF8STRING, "Almaty region"},
     {"L", V_ASN1_UTF8STRING, "Talgar"},

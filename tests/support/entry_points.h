@@ -22,7 +22,7 @@ constexpr EntryPoint entryPoint(const char* name, CK_RV (*call)(const VeltFuncti
                [](const VeltFunctionList& list) { return list.standard.entry(__VA_ARGS__); })
 
 // Entries that answer CKR_CRYPTOKI_NOT_INITIALIZED outside C_Initialize .. C_Finalize.
-inline constexpr std::array<EntryPoint, 23> CHECKED_ENTRIES{
+constexpr std::array<EntryPoint, 23> CHECKED_ENTRIES{
     VELT_ENTRY(C_Finalize, nullptr),
     VELT_ENTRY(C_GetInfo, nullptr),
     VELT_ENTRY(C_GetSlotList, CK_FALSE, nullptr, nullptr),
@@ -49,7 +49,7 @@ inline constexpr std::array<EntryPoint, 23> CHECKED_ENTRIES{
 };
 
 // Entries that always answer CKR_FUNCTION_NOT_SUPPORTED.
-inline constexpr std::array<EntryPoint, 43> UNSUPPORTED_ENTRIES{
+constexpr std::array<EntryPoint, 43> UNSUPPORTED_ENTRIES{
     VELT_ENTRY(C_InitToken, 0, nullptr, 0, nullptr),
     VELT_ENTRY(C_InitPIN, 0, nullptr, 0),
     VELT_ENTRY(C_SetPIN, 0, nullptr, 0, nullptr, 0),
@@ -98,7 +98,7 @@ inline constexpr std::array<EntryPoint, 43> UNSUPPORTED_ENTRIES{
 #undef VELT_ENTRY
 
 // The 69 names in the order of the list.
-inline constexpr std::array<const char*, 69> ENTRY_NAMES{
+constexpr std::array<const char*, 69> ENTRY_NAMES{
     "C_Initialize",
     "C_Finalize",
     "C_GetInfo",

@@ -6,7 +6,7 @@
 
 namespace velt_test {
 
-inline constexpr std::size_t ET72K_PIECE = 32; // what one of its commands moves
+constexpr std::size_t ET72K_PIECE = 32; // what one of its commands moves
 
 inline Bytes readPieceET72K(std::size_t offset)
 {
@@ -58,7 +58,7 @@ inline std::vector<ExchangeStep> writingET72K(const Bytes& name, const Bytes& st
     return steps;
 }
 
-inline const Applet ETOKEN{
+const Applet ETOKEN{
     .name = "EToken72K",
     .atr = "3B D5 18 00 81 31 FE 7D 80 73 C8 21 10 F4",
     .operations = driverET72K,

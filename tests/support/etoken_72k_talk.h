@@ -8,26 +8,26 @@ namespace sim::etoken_72k_talk {
 
 using namespace applet_talk;
 
-inline constexpr const char* SELECT = "00 A4 04 00 0A 00 00 00 00 00 00 01 02 03 00";
-inline constexpr const char* RIGHT_PIN = "80 10 20 00 04 31 32 33 34";
-inline constexpr const char* WRONG_PIN = "80 10 20 00 04 31 32 33 35";
-inline constexpr const char* PROBE = "80 12 44 00";
-inline constexpr const char* GOST_FIRST = "80 11 21 00";
-inline constexpr const char* GOST_SECOND = "80 11 24 00";
-inline constexpr const char* CHOOSE = "80 12 43 00";
-inline constexpr const char* GET_SIZE = "80 12 41 00 02 00 00";
-inline constexpr const char* BIND = "80 12 42 00";
-inline constexpr const char* SIGN_GOST = "80 14 10 00";
-inline constexpr const char* REST_OF_SIGNATURE = "80 11 25 00 00";
-inline constexpr const char* DESTROY = "80 12 30 00";
-inline constexpr const char* GENERATE_RSA = "80 11 26 00";
-inline constexpr const char* GENERATE_GOST = "80 11 20 00";
+constexpr const char* SELECT = "00 A4 04 00 0A 00 00 00 00 00 00 01 02 03 00";
+constexpr const char* RIGHT_PIN = "80 10 20 00 04 31 32 33 34";
+constexpr const char* WRONG_PIN = "80 10 20 00 04 31 32 33 35";
+constexpr const char* PROBE = "80 12 44 00";
+constexpr const char* GOST_FIRST = "80 11 21 00";
+constexpr const char* GOST_SECOND = "80 11 24 00";
+constexpr const char* CHOOSE = "80 12 43 00";
+constexpr const char* GET_SIZE = "80 12 41 00 02 00 00";
+constexpr const char* BIND = "80 12 42 00";
+constexpr const char* SIGN_GOST = "80 14 10 00";
+constexpr const char* REST_OF_SIGNATURE = "80 11 25 00 00";
+constexpr const char* DESTROY = "80 12 30 00";
+constexpr const char* GENERATE_RSA = "80 11 26 00";
+constexpr const char* GENERATE_GOST = "80 11 20 00";
 
-inline const Bytes RSA_NAME = hex("52 53 41");     // "RSA"
-inline const Bytes OLD_NAME = hex("4F 4C 44");     // "OLD"
-inline const Bytes GOST_NAME = hex("67 6F 73 74"); // "gost"
-inline const Bytes BARE_NAME = hex("43");          // "C"
-inline const Bytes ABSENT_NAME = hex("52 53");
+const Bytes RSA_NAME = hex("52 53 41");     // "RSA"
+const Bytes OLD_NAME = hex("4F 4C 44");     // "OLD"
+const Bytes GOST_NAME = hex("67 6F 73 74"); // "gost"
+const Bytes BARE_NAME = hex("43");          // "C"
+const Bytes ABSENT_NAME = hex("52 53");
 
 inline Bytes counting(std::size_t size)
 {

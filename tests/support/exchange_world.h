@@ -17,9 +17,9 @@ namespace velt_test::world {
 using sim::Bytes;
 using sim::hex;
 
-inline constexpr std::uint8_t SENTINEL = 0xA5;
-inline constexpr std::uint64_t OLD_ERROR = 0x5EED; // no exchange of these tests ends in it
-inline const Bytes ASK = hex("00 B0 00 00 10");    // a command; the script decides the answer
+constexpr std::uint8_t SENTINEL = 0xA5;
+constexpr std::uint64_t OLD_ERROR = 0x5EED; // no exchange of these tests ends in it
+const Bytes ASK = hex("00 B0 00 00 10");    // a command; the script decides the answer
 
 // One Transmit call as the card reader saw it.
 struct Sent {
@@ -54,7 +54,7 @@ inline Bytes join(Bytes left, const Bytes& right)
     return left;
 }
 
-inline constexpr std::uint64_t code(LONG result)
+constexpr std::uint64_t code(LONG result)
 {
     return static_cast<std::uint64_t>(result);
 }

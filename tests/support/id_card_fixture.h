@@ -5,7 +5,7 @@
 
 namespace velt_test {
 
-inline constexpr std::string_view SELECT_MASTER_FILE = "00 A4 00 0C 02 3F 00";
+constexpr std::string_view SELECT_MASTER_FILE = "00 A4 00 0C 02 3F 00";
 
 class IdCardTest : public SlotTest {
 protected:

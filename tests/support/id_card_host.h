@@ -14,20 +14,20 @@
 namespace velt_test {
 
 // Handles of the objects: certificate, public key, private key of pair 1, then of pair 2.
-inline constexpr CK_OBJECT_HANDLE CERTIFICATE_1 = 1;
-inline constexpr CK_OBJECT_HANDLE PUBLIC_1 = 2;
-inline constexpr CK_OBJECT_HANDLE PRIVATE_1 = 3;
-inline constexpr CK_OBJECT_HANDLE CERTIFICATE_2 = 4;
-inline constexpr CK_OBJECT_HANDLE PUBLIC_2 = 5;
-inline constexpr CK_OBJECT_HANDLE PRIVATE_2 = 6;
-inline constexpr CK_BYTE ID_1 = 0x87;
-inline constexpr CK_BYTE ID_2 = 0x88;
+constexpr CK_OBJECT_HANDLE CERTIFICATE_1 = 1;
+constexpr CK_OBJECT_HANDLE PUBLIC_1 = 2;
+constexpr CK_OBJECT_HANDLE PRIVATE_1 = 3;
+constexpr CK_OBJECT_HANDLE CERTIFICATE_2 = 4;
+constexpr CK_OBJECT_HANDLE PUBLIC_2 = 5;
+constexpr CK_OBJECT_HANDLE PRIVATE_2 = 6;
+constexpr CK_BYTE ID_1 = 0x87;
+constexpr CK_BYTE ID_2 = 0x88;
 
-inline const Sent SELECT_MASTER = command("00 A4 00 0C 02 3F 00", 2);
-inline const Sent SELECT_CERTIFICATES = command("00 A4 01 0C 02 08 01", 2);
-inline const Sent SELECT_KEYS = command("00 A4 01 0C 02 01 01", 2);
-inline const Sent READ_LENGTH = command("00 B0 00 00 02", 4);
-inline const Sent GET_CARD_OBJECT = command("00 CA DF 01 09", 11);
+const Sent SELECT_MASTER = command("00 A4 00 0C 02 3F 00", 2);
+const Sent SELECT_CERTIFICATES = command("00 A4 01 0C 02 08 01", 2);
+const Sent SELECT_KEYS = command("00 A4 01 0C 02 01 01", 2);
+const Sent READ_LENGTH = command("00 B0 00 00 02", 4);
+const Sent GET_CARD_OBJECT = command("00 CA DF 01 09", 11);
 
 // The file of a key pair (0 or 1) in the certificates' directory.
 inline Sent selectFile(std::size_t pair)

@@ -13,21 +13,21 @@ namespace sim::id_card_talk {
 
 using namespace card_talk;
 
-inline constexpr const char* SELECT_MASTER = "00 A4 00 0C 02 3F 00";
-inline constexpr const char* SELECT_CERTIFICATES = "00 A4 01 0C 02 08 01";
-inline constexpr const char* SELECT_KEYS = "00 A4 01 0C 02 01 01";
-inline constexpr const char* SELECT_FILE_1 = "00 A4 02 0C 02 01 01";
-inline constexpr const char* SELECT_FILE_2 = "00 A4 02 0C 02 01 02";
-inline constexpr const char* RIGHT_PIN = "00 20 00 02 08 31 32 33 34 30 30 30 30";
-inline constexpr const char* WRONG_PIN = "00 20 00 02 08 31 32 33 35 30 30 30 30";
-inline constexpr const char* USE_KEY_87 = "00 22 41 A4 09 95 01 40 84 01 87 80 01 02";
-inline constexpr const char* USE_KEY_88 = "00 22 41 A4 09 95 01 40 84 01 88 80 01 02";
-inline constexpr const char* SIGN_ABC = "00 88 02 00 03 61 62 63";
-inline constexpr const char* GENERATE_87 = "00 46 02 00 05 A4 03 84 01 87";
-inline constexpr const char* GENERATE_88 = "00 46 02 00 05 A4 03 84 01 88";
-inline constexpr const char* PUBLIC_KEY_07 = "00 CB 3F FF 0B 4D 09 FF A0 07 05 7F 49 02 81 00";
-inline constexpr const char* PUBLIC_KEY_08 = "00 CB 3F FF 0B 4D 09 FF A0 08 05 7F 49 02 81 00";
-inline constexpr const char* REST_OF_256 = "00 C0 00 00 00";
+constexpr const char* SELECT_MASTER = "00 A4 00 0C 02 3F 00";
+constexpr const char* SELECT_CERTIFICATES = "00 A4 01 0C 02 08 01";
+constexpr const char* SELECT_KEYS = "00 A4 01 0C 02 01 01";
+constexpr const char* SELECT_FILE_1 = "00 A4 02 0C 02 01 01";
+constexpr const char* SELECT_FILE_2 = "00 A4 02 0C 02 01 02";
+constexpr const char* RIGHT_PIN = "00 20 00 02 08 31 32 33 34 30 30 30 30";
+constexpr const char* WRONG_PIN = "00 20 00 02 08 31 32 33 35 30 30 30 30";
+constexpr const char* USE_KEY_87 = "00 22 41 A4 09 95 01 40 84 01 87 80 01 02";
+constexpr const char* USE_KEY_88 = "00 22 41 A4 09 95 01 40 84 01 88 80 01 02";
+constexpr const char* SIGN_ABC = "00 88 02 00 03 61 62 63";
+constexpr const char* GENERATE_87 = "00 46 02 00 05 A4 03 84 01 87";
+constexpr const char* GENERATE_88 = "00 46 02 00 05 A4 03 84 01 88";
+constexpr const char* PUBLIC_KEY_07 = "00 CB 3F FF 0B 4D 09 FF A0 07 05 7F 49 02 81 00";
+constexpr const char* PUBLIC_KEY_08 = "00 CB 3F FF 0B 4D 09 FF A0 08 05 7F 49 02 81 00";
+constexpr const char* REST_OF_256 = "00 C0 00 00 00";
 
 inline void openFile(Card& card, const char* selectFile)
 {

@@ -33,21 +33,21 @@ using sim::Bytes;
 using sim::hex;
 using sim::toHex;
 
-inline constexpr std::uint8_t SENTINEL = 0xA5;
-inline constexpr std::string_view IDC_ATR = "3B 77 18 00 00 4B 41 53 41 4B 49 44";
-inline constexpr std::string_view OK = "90 00";
+constexpr std::uint8_t SENTINEL = 0xA5;
+constexpr std::string_view IDC_ATR = "3B 77 18 00 00 4B 41 53 41 4B 49 44";
+constexpr std::string_view OK = "90 00";
 
-inline constexpr std::string_view SELECT_MF = "00 A4 00 0C 02 3F 00";
-inline constexpr std::string_view SELECT_DF_0801 = "00 A4 01 0C 02 08 01";
-inline constexpr std::string_view SELECT_DF_0101 = "00 A4 01 0C 02 01 01";
-inline constexpr std::string_view SELECT_EF_0101 = "00 A4 02 0C 02 01 01";
-inline constexpr std::string_view SELECT_EF_0102 = "00 A4 02 0C 02 01 02";
-inline constexpr std::string_view READ_LENGTH = "00 B0 00 00 02";
-inline constexpr std::string_view GET_DATA_DF01 = "00 CA DF 01 09";
-inline constexpr std::string_view CLEAR_LENGTH = "00 D6 00 00 02 00 00";
-inline constexpr std::string_view DF01 = "01 02 03 04 05 06 07 08 09";
-inline constexpr std::string_view ALIAS_1 = "RSA1010203040506070809";
-inline constexpr std::string_view ALIAS_2 = "RSA2010203040506070809";
+constexpr std::string_view SELECT_MF = "00 A4 00 0C 02 3F 00";
+constexpr std::string_view SELECT_DF_0801 = "00 A4 01 0C 02 08 01";
+constexpr std::string_view SELECT_DF_0101 = "00 A4 01 0C 02 01 01";
+constexpr std::string_view SELECT_EF_0101 = "00 A4 02 0C 02 01 01";
+constexpr std::string_view SELECT_EF_0102 = "00 A4 02 0C 02 01 02";
+constexpr std::string_view READ_LENGTH = "00 B0 00 00 02";
+constexpr std::string_view GET_DATA_DF01 = "00 CA DF 01 09";
+constexpr std::string_view CLEAR_LENGTH = "00 D6 00 00 02 00 00";
+constexpr std::string_view DF01 = "01 02 03 04 05 06 07 08 09";
+constexpr std::string_view ALIAS_1 = "RSA1010203040506070809";
+constexpr std::string_view ALIAS_2 = "RSA2010203040506070809";
 
 inline Bytes operator+(Bytes left, const Bytes& right)
 {

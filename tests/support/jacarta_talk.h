@@ -8,24 +8,24 @@ namespace sim::jacarta_talk {
 
 using namespace applet_talk;
 
-inline constexpr const char* SELECT = "00 A4 04 00 0C A0 00 67 61 6D 6D 61 74 65 63 68 00";
-inline constexpr const char* RIGHT_PIN = "80 10 21 00 04 31 32 33 34";
-inline constexpr const char* WRONG_PIN = "80 10 21 00 04 31 32 33 35";
-inline constexpr const char* PROBE = "80 12 24 00";
-inline constexpr const char* READ_RSA = "80 12 25 00";
-inline constexpr const char* READ_GOST = "80 11 21 00";
-inline constexpr const char* READ_CERTIFICATE = "80 12 28 00";
-inline constexpr const char* WRITE_CERTIFICATE = "80 12 27 00";
-inline constexpr const char* SIGN_RSA = "80 14 23 24";
-inline constexpr const char* SIGN_GOST = "80 14 20 00";
-inline constexpr const char* DESTROY = "80 12 23 00";
-inline constexpr const char* GENERATE_RSA = "80 11 23 00";
-inline constexpr const char* GENERATE_GOST = "80 11 20 00";
+constexpr const char* SELECT = "00 A4 04 00 0C A0 00 67 61 6D 6D 61 74 65 63 68 00";
+constexpr const char* RIGHT_PIN = "80 10 21 00 04 31 32 33 34";
+constexpr const char* WRONG_PIN = "80 10 21 00 04 31 32 33 35";
+constexpr const char* PROBE = "80 12 24 00";
+constexpr const char* READ_RSA = "80 12 25 00";
+constexpr const char* READ_GOST = "80 11 21 00";
+constexpr const char* READ_CERTIFICATE = "80 12 28 00";
+constexpr const char* WRITE_CERTIFICATE = "80 12 27 00";
+constexpr const char* SIGN_RSA = "80 14 23 24";
+constexpr const char* SIGN_GOST = "80 14 20 00";
+constexpr const char* DESTROY = "80 12 23 00";
+constexpr const char* GENERATE_RSA = "80 11 23 00";
+constexpr const char* GENERATE_GOST = "80 11 20 00";
 
-inline const Bytes RSA_NAME = hex("52 53 41");        // "RSA"
-inline const Bytes GOST_NAME = hex("67 00 6F 73 74"); // "g\0ost"
-inline const Bytes BARE_NAME = hex("43");             // "C"
-inline const Bytes ABSENT_NAME = hex("52 53 41 00");
+const Bytes RSA_NAME = hex("52 53 41");        // "RSA"
+const Bytes GOST_NAME = hex("67 00 6F 73 74"); // "g\0ost"
+const Bytes BARE_NAME = hex("43");             // "C"
+const Bytes ABSENT_NAME = hex("52 53 41 00");
 
 inline JacartaOptions threeObjects()
 {

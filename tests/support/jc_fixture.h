@@ -24,7 +24,7 @@ inline std::vector<ExchangeStep> writingJaCarta(const Bytes& name, const Bytes& 
              {"JaCarta CreateObject APDU write certificate error #"}}};
 }
 
-inline const Applet JACARTA{
+const Applet JACARTA{
     .name = "JaCarta",
     .atr = "3B DC 18 FF 81 91 FE 1F C3 80 73 C8 21 13 66 01 06 11 59 00 01 28",
     .operations = driverJC,

@@ -14,35 +14,35 @@
 
 namespace velt_test {
 
-inline constexpr std::string_view TOKEN_PIN = "123456";
+constexpr std::string_view TOKEN_PIN = "123456";
 
-inline constexpr CK_KEY_TYPE GOST_KEY = 0x84B5A001;
-inline constexpr CK_MECHANISM_TYPE GOST_KEY_PAIR_GEN = 0x84B5A001;
-inline constexpr CK_MECHANISM_TYPE GOST_SIGN = 0x84B5A002;
+constexpr CK_KEY_TYPE GOST_KEY = 0x84B5A001;
+constexpr CK_MECHANISM_TYPE GOST_KEY_PAIR_GEN = 0x84B5A001;
+constexpr CK_MECHANISM_TYPE GOST_SIGN = 0x84B5A002;
 
 // Handles of the objects of a new token: an RSA pair has its public key first, a GOST pair its
 // private key; the third pair has no certificate.
-inline constexpr CK_OBJECT_HANDLE RSA_PUBLIC = 1;
-inline constexpr CK_OBJECT_HANDLE RSA_PRIVATE = 2;
-inline constexpr CK_OBJECT_HANDLE RSA_CERTIFICATE = 3;
-inline constexpr CK_OBJECT_HANDLE GOST_PRIVATE = 4;
-inline constexpr CK_OBJECT_HANDLE GOST_PUBLIC = 5;
-inline constexpr CK_OBJECT_HANDLE GOST_CERTIFICATE = 6;
-inline constexpr CK_OBJECT_HANDLE SMALL_PUBLIC = 7;
-inline constexpr CK_OBJECT_HANDLE SMALL_PRIVATE = 8;
+constexpr CK_OBJECT_HANDLE RSA_PUBLIC = 1;
+constexpr CK_OBJECT_HANDLE RSA_PRIVATE = 2;
+constexpr CK_OBJECT_HANDLE RSA_CERTIFICATE = 3;
+constexpr CK_OBJECT_HANDLE GOST_PRIVATE = 4;
+constexpr CK_OBJECT_HANDLE GOST_PUBLIC = 5;
+constexpr CK_OBJECT_HANDLE GOST_CERTIFICATE = 6;
+constexpr CK_OBJECT_HANDLE SMALL_PUBLIC = 7;
+constexpr CK_OBJECT_HANDLE SMALL_PRIVATE = 8;
 
 using Handles = std::vector<CK_OBJECT_HANDLE>;
 
-inline const Sent SELECT_LIST = command("00 A4 08 04 06 10 00 10 10 10 10", 4);
-inline const Sent LIST_PARAMETERS = command("00 A4 00 04 02 10 10 FF", 258);
-inline const Sent SELECT_APPLICATION = command("00 A4 08 04 02 10 00", 4);
-inline const Sent CREATE_LIST_DIRECTORY =
+const Sent SELECT_LIST = command("00 A4 08 04 06 10 00 10 10 10 10", 4);
+const Sent LIST_PARAMETERS = command("00 A4 00 04 02 10 10 FF", 258);
+const Sent SELECT_APPLICATION = command("00 A4 08 04 02 10 00", 4);
+const Sent CREATE_LIST_DIRECTORY =
     command("00 E0 00 00 1F 62 1D 82 02 38 00 80 02 00 10 83 02 10 10"
             " 86 0F 43 02 02 00 00 00 00 FF 00 00 00 00 00 00 00",
             4);
-inline const Sent VERIFY_123456 = command("00 20 00 02 06 31 32 33 34 35 36", 2);
-inline const Sent VERIFY_654321 = command("00 20 00 02 06 36 35 34 33 32 31", 2);
-inline const Sent LOG_OUT = command("80 40 00 00", 4);
+const Sent VERIFY_123456 = command("00 20 00 02 06 31 32 33 34 35 36", 2);
+const Sent VERIFY_654321 = command("00 20 00 02 06 36 35 34 33 32 31", 2);
+const Sent LOG_OUT = command("80 40 00 00", 4);
 
 inline Bytes operator+(Bytes left, const Bytes& right)
 {

@@ -8,19 +8,19 @@ namespace sim::kaz_token_talk {
 
 using namespace card_talk;
 
-inline constexpr const char* SELECT_LIST = "00 A4 08 04 06 10 00 10 10 10 10";
-inline constexpr const char* SELECT_LIST_DIRECTORY = "00 A4 08 04 04 10 00 10 10";
-inline constexpr const char* LIST_PARAMETERS = "00 A4 00 04 02 10 10 FF";
-inline constexpr const char* SELECT_APPLICATION = "00 A4 08 04 02 10 00";
-inline constexpr const char* SELECT_PRIVATE_KEYS = "00 A4 08 04 06 10 00 10 00 60 01";
-inline constexpr const char* SELECT_PUBLIC_KEYS = "00 A4 08 04 06 10 00 10 00 60 02";
-inline constexpr const char* SELECT_CERTIFICATES = "00 A4 08 04 06 10 00 10 00 60 04";
+constexpr const char* SELECT_LIST = "00 A4 08 04 06 10 00 10 10 10 10";
+constexpr const char* SELECT_LIST_DIRECTORY = "00 A4 08 04 04 10 00 10 10";
+constexpr const char* LIST_PARAMETERS = "00 A4 00 04 02 10 10 FF";
+constexpr const char* SELECT_APPLICATION = "00 A4 08 04 02 10 00";
+constexpr const char* SELECT_PRIVATE_KEYS = "00 A4 08 04 06 10 00 10 00 60 01";
+constexpr const char* SELECT_PUBLIC_KEYS = "00 A4 08 04 06 10 00 10 00 60 02";
+constexpr const char* SELECT_CERTIFICATES = "00 A4 08 04 06 10 00 10 00 60 04";
 
-inline constexpr const char* RIGHT_PIN = "00 20 00 02 06 31 32 33 34 35 36";
-inline constexpr const char* WRONG_PIN = "00 20 00 02 06 36 35 34 33 32 31";
-inline constexpr const char* LOG_OUT = "80 40 00 00";
+constexpr const char* RIGHT_PIN = "00 20 00 02 06 31 32 33 34 35 36";
+constexpr const char* WRONG_PIN = "00 20 00 02 06 36 35 34 33 32 31";
+constexpr const char* LOG_OUT = "80 40 00 00";
 
-inline constexpr const char* CREATE_LIST_DIRECTORY =
+constexpr const char* CREATE_LIST_DIRECTORY =
     "00 E0 00 00 1F 62 1D 82 02 38 00 80 02 00 10 83 02 10 10"
     " 86 0F 43 02 02 00 00 00 00 FF 00 00 00 00 00 00 00";
 

@@ -11,8 +11,8 @@
 namespace velt_test {
 
 // PC/SC's protocol numbers.
-inline constexpr unsigned long T0 = 1;
-inline constexpr unsigned long T1 = 2;
+constexpr unsigned long T0 = 1;
+constexpr unsigned long T1 = 2;
 
 struct KnownToken {
     const char* name;     // of the answer to reset
@@ -22,7 +22,7 @@ struct KnownToken {
     std::string_view atr; // hexadecimal
 };
 
-inline constexpr std::array<KnownToken, 5> KNOWN_TOKENS{{
+constexpr std::array<KnownToken, 5> KNOWN_TOKENS{{
     {"the ID card", "KZIDCard", 1, 0x7, "3B 77 18 00 00 4B 41 53 41 4B 49 44"},
     {"the newer ID card", "KZIDCard", 1, 0x7, "3B 39 19 00 53 4F 4D 41 44 53 33 30 31"},
     {"the JaCarta", "JaCarta", 4, 0x7,
@@ -31,11 +31,11 @@ inline constexpr std::array<KnownToken, 5> KNOWN_TOKENS{{
     {"the eToken 72K", "EToken 72K", 2, 0x7, "3B D5 18 00 81 31 FE 7D 80 73 C8 21 10 F4"},
 }};
 
-inline constexpr const KnownToken& ID_CARD = KNOWN_TOKENS[0];
-inline constexpr const KnownToken& NEWER_ID_CARD = KNOWN_TOKENS[1];
-inline constexpr const KnownToken& JACARTA = KNOWN_TOKENS[2];
-inline constexpr const KnownToken& KAZTOKEN = KNOWN_TOKENS[3];
-inline constexpr const KnownToken& ETOKEN_72K = KNOWN_TOKENS[4];
+constexpr const KnownToken& ID_CARD = KNOWN_TOKENS[0];
+constexpr const KnownToken& NEWER_ID_CARD = KNOWN_TOKENS[1];
+constexpr const KnownToken& JACARTA = KNOWN_TOKENS[2];
+constexpr const KnownToken& KAZTOKEN = KNOWN_TOKENS[3];
+constexpr const KnownToken& ETOKEN_72K = KNOWN_TOKENS[4];
 
 // A card that refuses every command with 6F 00.
 inline std::shared_ptr<sim::ScriptedCard> refusingCard(sim::Bytes atr, unsigned long protocol = T0)

@@ -7,19 +7,19 @@
 
 namespace velt_test {
 
-inline constexpr std::string_view KT_ATR = "3B 88 01 4B 41 5A 54 4F 4B 45 4E 82";
-inline constexpr std::string_view SELECT_MAP = "00 A4 08 04 06 10 00 10 10 10 10";
-inline constexpr std::string_view SELECT_MAP_FCP = "00 A4 00 04 02 10 10 FF";
-inline constexpr std::string_view SELECT_1000 = "00 A4 08 04 02 10 00";
-inline constexpr std::string_view CREATE_1010 =
+constexpr std::string_view KT_ATR = "3B 88 01 4B 41 5A 54 4F 4B 45 4E 82";
+constexpr std::string_view SELECT_MAP = "00 A4 08 04 06 10 00 10 10 10 10";
+constexpr std::string_view SELECT_MAP_FCP = "00 A4 00 04 02 10 10 FF";
+constexpr std::string_view SELECT_1000 = "00 A4 08 04 02 10 00";
+constexpr std::string_view CREATE_1010 =
     "00 E0 00 00 1F 62 1D 82 02 38 00 80 02 00 10 83 02 10 10 86 0F 43 02 02 00 00 00 00 FF 00 00 "
     "00 00 00 00 00";
-inline constexpr std::string_view SELECT_1010 = "00 A4 08 04 04 10 00 10 10";
-inline constexpr std::string_view DELETE_MAP = "00 E4 00 00 02 10 10";
-inline constexpr std::string_view NO_FILE = "6A 82";
+constexpr std::string_view SELECT_1010 = "00 A4 08 04 04 10 00 10 10";
+constexpr std::string_view DELETE_MAP = "00 E4 00 00 02 10 10";
+constexpr std::string_view NO_FILE = "6A 82";
 
-inline constexpr std::uint8_t RSA = 0x23; // kinds of key files
-inline constexpr std::uint8_t GOST = 0x03;
+constexpr std::uint8_t RSA = 0x23; // kinds of key files
+constexpr std::uint8_t GOST = 0x03;
 
 // A key pair on the token.
 struct Pair {

@@ -23,11 +23,11 @@
 namespace velt_test {
 
 #ifdef VELT_DEBUG_LOG
-inline constexpr bool messagesAreKept = true;
-inline constexpr const char* messageLog = VELT_DEBUG_LOG;
+constexpr bool messagesAreKept = true;
+constexpr const char* messageLog = VELT_DEBUG_LOG;
 #else
-inline constexpr bool messagesAreKept = false;
-inline constexpr const char* messageLog = "";
+constexpr bool messagesAreKept = false;
+constexpr const char* messageLog = "";
 #endif
 
 // A message with its number, as the log shows it.

@@ -29,9 +29,9 @@ namespace velt_test {
 
 namespace pcsc = sim::pcsc;
 
-inline constexpr CK_FLAGS READ_ONLY = CKF_SERIAL_SESSION;
-inline constexpr CK_FLAGS READ_WRITE = CKF_SERIAL_SESSION | CKF_RW_SESSION;
-inline constexpr CK_SESSION_HANDLE NO_HANDLE = 0xD15EA5ED; // what an untouched handle still holds
+constexpr CK_FLAGS READ_ONLY = CKF_SERIAL_SESSION;
+constexpr CK_FLAGS READ_WRITE = CKF_SERIAL_SESSION | CKF_RW_SESSION;
+constexpr CK_SESSION_HANDLE NO_HANDLE = 0xD15EA5ED; // what an untouched handle still holds
 
 // The built module in this process.
 class Module {

@@ -9,7 +9,7 @@ namespace velt_test {
 
 using Texts = std::vector<std::string>;
 
-inline constexpr std::string_view PNP_READER = "\\\\?PnP?\\Notification";
+constexpr std::string_view PNP_READER = "\\\\?PnP?\\Notification";
 
 // What the debug hooks are passed during a refresh, from the probe of the pseudo-reader on;
 // `families` holds the message of each reader with a card, in reader order.

@@ -12,10 +12,10 @@
 
 namespace velt_test::objects {
 
-inline constexpr CK_ULONG NOT_SERVED = ~CK_ULONG{0};
-inline constexpr std::uint8_t UNTOUCHED = 0xC3;
-inline constexpr CK_ATTRIBUTE_TYPE VENDOR_FLAG = 0xCE534352;
-inline constexpr CK_KEY_TYPE VENDOR_KEY = 0x84B5A001;
+constexpr CK_ULONG NOT_SERVED = ~CK_ULONG{0};
+constexpr std::uint8_t UNTOUCHED = 0xC3;
+constexpr CK_ATTRIBUTE_TYPE VENDOR_FLAG = 0xCE534352;
+constexpr CK_KEY_TYPE VENDOR_KEY = 0x84B5A001;
 
 // A number as the host reads it.
 inline Bytes number(std::uint64_t value)

@@ -13,9 +13,9 @@ namespace velt_test::objects {
 
 using Handles = std::vector<CK_OBJECT_HANDLE>;
 
-inline constexpr CK_OBJECT_HANDLE SENTINEL = 0xA5A5A5A5A5A5A5A5;
-inline constexpr CK_SESSION_HANDLE NEVER_ISSUED = 0x7FFFFFFF;
-inline constexpr CK_ATTRIBUTE_TYPE UNKNOWN_ATTRIBUTE = CKA_APPLICATION;
+constexpr CK_OBJECT_HANDLE SENTINEL = 0xA5A5A5A5A5A5A5A5;
+constexpr CK_SESSION_HANDLE NEVER_ISSUED = 0x7FFFFFFF;
+constexpr CK_ATTRIBUTE_TYPE UNKNOWN_ATTRIBUTE = CKA_APPLICATION;
 
 // A search template with the values it points to.
 class Template {

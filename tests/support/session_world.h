@@ -20,11 +20,11 @@
 
 namespace velt_test {
 
-inline const sim::Bytes ID_CARD_ATR{0x3B, 0x77, 0x18, 0x00, 0x00, 0x4B,
-                                    0x41, 0x53, 0x41, 0x4B, 0x49, 0x44};
+const sim::Bytes ID_CARD_ATR{0x3B, 0x77, 0x18, 0x00, 0x00, 0x4B,
+                             0x41, 0x53, 0x41, 0x4B, 0x49, 0x44};
 
-inline constexpr CK_FLAGS READ_WRITE = CKF_SERIAL_SESSION | CKF_RW_SESSION;
-inline constexpr const char* READER = "Stand-in Reader 00 00";
+constexpr CK_FLAGS READ_WRITE = CKF_SERIAL_SESSION | CKF_RW_SESSION;
+constexpr const char* READER = "Stand-in Reader 00 00";
 
 class SessionWorld : public ::testing::Test {
 protected:

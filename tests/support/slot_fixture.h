@@ -8,8 +8,8 @@ namespace velt_test {
 using pcsc::Call;
 using pcsc::Function;
 
-inline constexpr const char* READER = "Stand-in Reader 00 00";
-inline constexpr const char* SECOND = "Other Maker 01 00";
+constexpr const char* READER = "Stand-in Reader 00 00";
+constexpr const char* SECOND = "Other Maker 01 00";
 
 inline std::string readerNumber(std::size_t i)
 {

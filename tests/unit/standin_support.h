@@ -20,8 +20,8 @@ using sim::pcsc::Action;
 using sim::pcsc::Call;
 using sim::pcsc::Function;
 
-inline constexpr std::uint8_t SENTINEL = 0xA5;
-inline constexpr const char* PNP = "\\\\?PnP?\\Notification";
+constexpr std::uint8_t SENTINEL = 0xA5;
+constexpr const char* PNP = "\\\\?PnP?\\Notification";
 
 inline std::string named(LONG result)
 {

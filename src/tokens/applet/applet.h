@@ -3,6 +3,7 @@
 #pragma once
 
 #include "src/core/bytes.h"
+#include "src/front/debug.h"
 #include "src/front/pkcs11.h"
 #include "src/objects/cert_template.h"
 #include "src/objects/stored_cert.h"
@@ -22,37 +23,37 @@ struct AppletGeneration {
     std::size_t capacity;
 };
 
-// Messages of the operations that are shared; NULL where a family passes none. They stand apart
+// Messages of the operations that are shared; none where a family passes none. They stand apart
 // from the returns that they explain because each is passed for two families.
 struct AppletMessages {
-    const char* selectFailed;
-    const char* resetFailed;
-    const char* wrongPin;
-    const char* loggedIn;
-    const char* notLoggedOut;
-    const char* loggedOut;
-    const char* countFailed;
-    const char* noObjects;
-    const char* nameFailed;
-    const char* probeFailed;
-    const char* objectsLoaded; // passed with their number
-    const char* loaded;
-    const char* publicKeyRead;
-    const char* notExpanded;
-    const char* certificateRead;
-    const char* badMechanism;
-    const char* signInitialised;
-    const char* signFailed; // passed with the key's handle
+    Message selectFailed;
+    Message resetFailed;
+    Message wrongPin;
+    Message loggedIn;
+    Message notLoggedOut;
+    Message loggedOut;
+    Message countFailed;
+    Message noObjects;
+    Message nameFailed;
+    Message probeFailed;
+    Message objectsLoaded; // passed with their number
+    Message loaded;
+    Message publicKeyRead;
+    Message notExpanded;
+    Message certificateRead;
+    Message badMechanism;
+    Message signInitialised;
+    Message signFailed; // passed with the key's handle
     TemplateMessages certificateTemplate;
-    const char* incomplete;
-    const char* tooLong; // passed with the length
-    const char* storedNameFailed;
-    const char* noSuchGeneration;
-    const char* notLoggedIn;
-    const char* generationFailed;
-    const char* generated;
-    const char* destroyed;
-    const char* notDestroyed;
+    Message incomplete;
+    Message tooLong; // passed with the length
+    Message storedNameFailed;
+    Message noSuchGeneration;
+    Message notLoggedIn;
+    Message generationFailed;
+    Message generated;
+    Message destroyed;
+    Message notDestroyed;
 };
 
 struct Applet {
@@ -98,7 +99,7 @@ CK_RV recordSigning(const Applet& applet, const CK_MECHANISM& mechanism, CK_OBJE
                     CK_MECHANISM& signMechanism, std::uint64_t& signKey) noexcept;
 
 // A step of signing that the token refused: CKR_FUNCTION_FAILED.
-CK_RV refuseSigning(const Applet& applet, const char* message, std::uint64_t result,
+CK_RV refuseSigning(const Applet& applet, Message message, std::uint64_t result,
                     std::uint64_t signKey) noexcept;
 
 using RsaBlock = std::array<std::uint8_t, APPLET_RSA_BLOCK>;

@@ -103,8 +103,7 @@ CK_RV loadApplet(const Applet& applet, CK_SESSION_HANDLE hSession) noexcept
         return LOAD_NO_MEMORY;
     }
     if (tmpObjCount == 0) {
-        const char* message = applet.messages.noObjects;
-        return message == nullptr ? LOAD_DONE : report(message, LOAD_DONE);
+        return report(applet.messages.noObjects, LOAD_DONE);
     }
     for (std::uint64_t position = 0; position < tmpObjCount; ++position) {
         const CK_RV loaded = loadName(applet, hSession, lowByte(position));

@@ -59,8 +59,7 @@ CK_RV logOut(const Applet& applet, CK_SESSION_HANDLE hSession) noexcept
 {
     const std::uint64_t result = exchange(hSession, APPLET_RESET, APPLET_REPLY_SHORT);
     if (result != 0) {
-        const char* message = applet.messages.notLoggedOut;
-        return message == nullptr ? result : report(message, result, result);
+        return report(applet.messages.notLoggedOut, result, result);
     }
     *applet.selected = 0;
     return report(applet.messages.loggedOut, CKR_OK);

@@ -17,7 +17,7 @@ CK_RV recordSigning(const Applet& applet, const CK_MECHANISM& mechanism, CK_OBJE
     return report(applet.messages.signInitialised, CKR_OK);
 }
 
-CK_RV refuseSigning(const Applet& applet, const char* message, std::uint64_t result,
+CK_RV refuseSigning(const Applet& applet, Message message, std::uint64_t result,
                     std::uint64_t signKey) noexcept
 {
     note(message, result);

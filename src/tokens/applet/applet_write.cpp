@@ -84,8 +84,7 @@ CK_RV generateUnder(const Applet& applet, CK_SESSION_HANDLE hSession, ByteView n
 {
     const bool isRsa = mechanism == CKM_RSA_PKCS_KEY_PAIR_GEN;
     if (!isRsa && mechanism != CKM_VELT_GOST_KEY_PAIR_GEN) {
-        const char* message = applet.messages.noSuchGeneration;
-        return message == nullptr ? CKR_MECHANISM_INVALID : report(message, CKR_MECHANISM_INVALID);
+        return report(applet.messages.noSuchGeneration, CKR_MECHANISM_INVALID);
     }
     const std::uint64_t made =
         sendGeneration(hSession, isRsa ? applet.generateRsa : applet.generateGost, name);

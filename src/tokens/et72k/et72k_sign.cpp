@@ -28,7 +28,7 @@ struct Signature {
     ByteRoom from(std::size_t place) noexcept { return ByteRoom{bytes}.subspan(place); }
 };
 
-CK_RV refuse(const char* message, std::uint64_t result) noexcept
+CK_RV refuse(velt::Message message, std::uint64_t result) noexcept
 {
     return velt::refuseSigning(ET72K_APPLET, message, result, hSignKeyET72K);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "src/core/bytes.h"
+#include "src/front/debug.h"
 #include "src/front/pkcs11.h"
 
 #include <cstddef>
@@ -42,8 +43,8 @@ std::uint64_t openMapFile(CK_SESSION_HANDLE hSession) noexcept;
 
 // What reading a file passes when the token refuses a block, or the rest behind the blocks.
 struct ReadRefusals {
-    const char* block;
-    const char* rest;
+    Message block;
+    Message rest;
 };
 
 // How reading the selected file ended.

@@ -183,8 +183,8 @@ std::uint64_t unlistKeyPair(CK_SESSION_HANDLE hSession, const ObjectEntry& entry
 
 struct FileToDelete {
     std::uint8_t directory;
-    const char* selectRefused;
-    const char* deleteRefused;
+    velt::Message selectRefused;
+    velt::Message deleteRefused;
 };
 
 constexpr std::array FILES_TO_DELETE{
