@@ -18,8 +18,9 @@ constexpr unsigned long PROTOCOL_T1 = 2;
 constexpr std::uint8_t MOST_RETRIES = 15; // the counter has four bits
 constexpr std::size_t LONGEST_PIN = 16;
 
-const KazPath LIST_DIRECTORY{0x1000, 0x1010};
-const KazPath LIST{0x1000, 0x1010, 0x1010};
+constexpr std::uint16_t MASTER_FILE = 0x3F00;
+constexpr std::uint16_t APPLICATION = 0x1000;
+constexpr std::uint16_t LIST = 0x1010; // also its directory
 constexpr std::array<std::uint8_t, 4> LIST_HEADER{0x01, 0x00, 0x00, 0x10};
 constexpr std::string_view LABEL_HEAD = "a1b2c3d4e5f60718293a4b5c6d7e8f";
 
@@ -114,21 +115,21 @@ KazToken::KazToken(const KazTokenOptions& options)
       retryLimit_(options.retryLimit),
       retriesLeft_(options.retryLimit),
       pin_(options.pin),
-      generatedGost_(options.generatedGost),
-      master_(kazDirectory(0x3F00))
+      generatedGost_(options.generatedGost)
 {
     checkOptions(options);
-    KazFile keys = kazDirectory(0x1000);
-    keys.children = {kazDirectory(0x6001), kazDirectory(0x6002), kazDirectory(0x6004)};
-    KazFile application = kazDirectory(0x1000);
-    application.children = {std::move(keys)};
-    master_.children = {std::move(application)};
+    files_.emplace(KazPath{}, kazDirectory(MASTER_FILE));
+    kazAdd(files_, {}, kazDirectory(APPLICATION));
+    kazAdd(files_, {APPLICATION}, kazDirectory(0x1000));
+    for (const std::uint16_t directory : KazPath{0x6001, 0x6002, 0x6004}) {
+        kazAdd(files_, {APPLICATION, 0x1000}, kazDirectory(directory));
+    }
     std::array<std::size_t, 4> positions{};
     for (const KazPair& pair : options.pairs) {
         addPair(pair, positions.at(static_cast<std::size_t>(pair.kind))++, options.issuer);
     }
     if (options.listDirectory) {
-        master_.child(0x1000)->children.push_back(kazDirectory(0x1010));
+        kazAdd(files_, {APPLICATION}, kazDirectory(LIST));
         if (options.list) {
             setList(listOf(options.pairs));
         }
@@ -141,9 +142,9 @@ void KazToken::addPair(const KazPair& pair, std::size_t position, const NameAttr
     const KazKey key = keyFor(pair, position);
     const std::uint8_t keyKind = key.rsa ? KAZ_RSA : KAZ_GOST;
     if (pair.keys) {
-        KazFile& keys = *kazFind(master_, KazPath{0x1000, 0x1000});
-        keys.child(0x6001)->children.push_back(kazKeyFile(pair.id, keyKind, key));
-        keys.child(0x6002)->children.push_back(kazKeyFile(pair.id, keyKind, key));
+        for (const std::uint16_t directory : KazPath{0x6001, 0x6002}) {
+            kazAdd(files_, {APPLICATION, 0x1000, directory}, kazKeyFile(pair.id, keyKind, key));
+        }
     }
     if (pair.file) {
         setFile(kazPairFile(0x6004, pair.id), *pair.file);
@@ -175,25 +176,25 @@ void KazToken::reset()
 
 std::optional<Bytes> KazToken::list() const
 {
-    return file(LIST);
+    return file({APPLICATION, LIST, LIST});
 }
 
 void KazToken::setList(const Bytes& content)
 {
-    if (!hasFile(LIST_DIRECTORY)) {
-        master_.child(0x1000)->children.push_back(kazDirectory(0x1010));
+    if (!hasFile({APPLICATION, LIST})) {
+        kazAdd(files_, {APPLICATION}, kazDirectory(LIST));
     }
-    setFile(LIST, content);
+    setFile({APPLICATION, LIST, LIST}, content);
 }
 
 void KazToken::removeList()
 {
-    removeFile(LIST);
+    removeFile({APPLICATION, LIST, LIST});
 }
 
 std::optional<Bytes> KazToken::file(const KazPath& path) const
 {
-    const KazFile* const found = kazFind(master_, path);
+    const KazFile* const found = kazFind(files_, path);
     if (found == nullptr || found->kind != KazFile::Kind::Transparent) {
         return std::nullopt;
     }
@@ -202,34 +203,25 @@ std::optional<Bytes> KazToken::file(const KazPath& path) const
 
 void KazToken::setFile(const KazPath& path, Bytes content)
 {
-    removeFile(path);
-    KazFile* const parent = kazFind(master_, std::span(path).first(path.size() - 1));
-    if (parent == nullptr || parent->kind != KazFile::Kind::Directory) {
-        throw std::invalid_argument("the token has no directory for this file");
-    }
-    parent->children.push_back(kazTransparent(path.back(), std::move(content)));
+    kazAdd(files_, {path.begin(), path.end() - 1}, kazTransparent(path.back(), std::move(content)));
     ++revision_;
 }
 
 void KazToken::removeFile(const KazPath& path)
 {
-    KazFile* const parent = kazFind(master_, std::span(path).first(path.size() - 1));
-    if (parent != nullptr) {
-        std::erase_if(parent->children,
-                      [&](const KazFile& child) { return child.id == path.back(); });
-        ++revision_;
-    }
+    kazRemove(files_, path);
+    ++revision_;
 }
 
 RsaKey KazToken::rsaKey(std::uint8_t id) const
 {
-    const KazFile* const held = kazFind(master_, kazPairFile(0x6001, id));
+    const KazFile* const held = kazFind(files_, kazPairFile(0x6001, id));
     return held != nullptr ? held->key.rsa : RsaKey{};
 }
 
 GostKey KazToken::gostKey(std::uint8_t id) const
 {
-    const KazFile* const held = kazFind(master_, kazPairFile(0x6001, id));
+    const KazFile* const held = kazFind(files_, kazPairFile(0x6001, id));
     return held != nullptr ? held->key.gost : GostKey{};
 }
 

@@ -98,7 +98,7 @@ public:
     void setList(const Bytes& content); // with its directory, if that is missing
     void removeList();
 
-    bool hasFile(const KazPath& path) const { return kazFind(master_, path) != nullptr; }
+    bool hasFile(const KazPath& path) const { return kazFind(files_, path) != nullptr; }
     std::optional<Bytes> file(const KazPath& path) const; // a transparent file's content
     void setFile(const KazPath& path, Bytes content);     // its directory must be there
     void removeFile(const KazPath& path);
@@ -140,7 +140,6 @@ private:
     Bytes challenge(const Command& command);
 
     std::optional<KazPath> pathFor(const Command& command) const;
-    KazFile& directory() { return *kazFind(master_, directory_); }
     KazFile* openFile();
     bool allows(KazFile::Need need) const;
     Bytes remove(std::uint16_t id);
@@ -159,7 +158,7 @@ private:
     std::uint8_t retriesLeft_;
     std::string pin_;
     GostAlgorithm generatedGost_;
-    KazFile master_;
+    KazFiles files_;
     unsigned long revision_ = 0;
 
     // Lost with power.

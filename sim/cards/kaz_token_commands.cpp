@@ -72,7 +72,7 @@ Bytes KazToken::transmit(std::span<const std::uint8_t> command)
 
 KazFile* KazToken::openFile()
 {
-    return file_ ? directory().child(*file_) : nullptr;
+    return file_ ? kazFind(files_, kazBelow(directory_, *file_)) : nullptr;
 }
 
 bool KazToken::allows(KazFile::Need need) const
@@ -91,8 +91,7 @@ std::optional<KazPath> KazToken::pathFor(const Command& command) const
         return hasFile(path) ? std::optional(path) : std::nullopt;
     }
     const std::uint16_t id = numberAt(command.data, 0);
-    path = directory_;
-    path.push_back(id);
+    path = kazBelow(directory_, id);
     if (hasFile(path)) {
         return path; // a file below the directory comes before the directory itself
     }
@@ -120,7 +119,7 @@ Bytes KazToken::select(const Command& command)
     if (!path) {
         return status(FILE_NOT_FOUND);
     }
-    const KazFile& found = *kazFind(master_, *path);
+    const KazFile& found = *kazFind(files_, *path);
     file_.reset();
     if (found.kind != KazFile::Kind::Directory) {
         file_ = path->back();
@@ -226,15 +225,14 @@ Bytes KazToken::createFile(const Command& command)
     if (!file || !mayHold(*file)) {
         return status(WRONG_DATA);
     }
-    KazFile& parent = directory();
-    if (!allows(parent.need(KazFile::Act::CreateBelow))) {
+    if (!allows(files_.at(directory_).need(KazFile::Act::CreateBelow))) {
         return status(SECURITY_STATUS);
     }
     const bool isDirectory = file->kind == KazFile::Kind::Directory;
-    if (parent.child(file->id) != nullptr) {
+    if (hasFile(kazBelow(directory_, file->id))) {
         return status(isDirectory ? DIRECTORY_EXISTS : FILE_EXISTS);
     }
-    parent.children.push_back(*file);
+    kazAdd(files_, directory_, *file);
     file_.reset();
     if (isDirectory) {
         directory_.push_back(file->id);
@@ -262,15 +260,15 @@ Bytes KazToken::deleteFile(const Command& command)
 
 Bytes KazToken::remove(std::uint16_t id)
 {
-    KazFile& parent = directory();
-    const KazFile* const doomed = parent.child(id);
+    const KazPath path = kazBelow(directory_, id);
+    const KazFile* const doomed = kazFind(files_, path);
     if (doomed == nullptr) {
         return status(FILE_NOT_FOUND);
     }
     if (!allows(doomed->need(KazFile::Act::Delete))) {
         return status(SECURITY_STATUS);
     }
-    std::erase_if(parent.children, [&](const KazFile& child) { return child.id == id; });
+    kazRemove(files_, path);
     if (file_ == id) {
         file_.reset();
     }

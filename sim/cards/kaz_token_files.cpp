@@ -20,7 +20,7 @@ constexpr std::uint16_t DIRECTORY_SIZE = 0x0010;
 constexpr std::uint16_t GOST_SIZE = 0x0040;
 constexpr std::uint16_t RSA_SIZE = 0x0100; // of the keys that the token generates
 constexpr std::size_t LARGEST_FILE = 0x7FFF;
-constexpr std::size_t DEEPEST = 8;
+constexpr std::uint16_t MASTER_FILE = 0x3F00;
 
 constexpr std::uint8_t PARAMETERS_TAG = 0x62;
 constexpr std::uint8_t SIZE_TAG = 0x80;
@@ -144,9 +144,12 @@ bool wellMade(const KazFile& file)
     return false;
 }
 
-void pack(Bytes& out, const KazFile& file)
+void pack(Bytes& out, const KazPath& path, const KazFile& file)
 {
-    putNumber(out, file.id);
+    out.push_back(lowByte(path.size()));
+    for (const std::uint16_t step : path) {
+        putNumber(out, step);
+    }
     out.push_back(static_cast<std::uint8_t>(file.kind));
     putNumber(out, file.size);
     out.push_back(file.keyKind);
@@ -157,52 +160,52 @@ void pack(Bytes& out, const KazFile& file)
     const Bytes& body = file.kind == KazFile::Kind::Key ? key : file.content;
     putNumber(out, body.size());
     out.insert(out.end(), body.begin(), body.end());
-    putNumber(out, file.children.size());
-    for (const KazFile& child : file.children) {
-        pack(out, child);
-    }
 }
 
-KazFile unpack(Cursor& cursor, std::size_t depth)
+KazKey keyOf(std::uint8_t keyKind, std::span<const std::uint8_t> der)
 {
-    if (depth > DEEPEST) {
-        throw std::runtime_error("the files are nested too deeply");
+    KazKey key;
+    if (!der.empty() && keyKind == KAZ_RSA) {
+        key.rsa = RsaKey::fromDer(der);
+    } else if (!der.empty()) {
+        key.gost = GostKey::fromDer(der);
     }
+    return key;
+}
+
+KazPath pathIn(Cursor& cursor)
+{
+    KazPath path;
+    for (std::size_t steps = cursor.byte(); steps > 0; --steps) {
+        path.push_back(cursor.number());
+    }
+    return path;
+}
+
+KazFile fileIn(Cursor& cursor, std::uint16_t id)
+{
     KazFile file;
-    file.id = cursor.number();
+    file.id = id;
     file.kind = kindOf(cursor.byte());
     file.size = cursor.number();
     file.keyKind = cursor.byte();
     file.security = securityIn(cursor);
     const auto body = cursor.take(cursor.number());
-    if (file.kind != KazFile::Kind::Key) {
+    if (file.kind == KazFile::Kind::Key) {
+        file.key = keyOf(file.keyKind, body);
+    } else {
         file.content.assign(body.begin(), body.end());
-    } else if (!body.empty() && file.keyKind == KAZ_RSA) {
-        file.key.rsa = RsaKey::fromDer(body);
-    } else if (!body.empty()) {
-        file.key.gost = GostKey::fromDer(body);
-    }
-    for (std::size_t count = cursor.number(); count > 0; --count) {
-        file.children.push_back(unpack(cursor, depth + 1));
     }
     return file;
 }
 
+bool isDirectory(const KazFiles& files, const KazPath& path)
+{
+    const KazFile* const file = kazFind(files, path);
+    return file != nullptr && file->kind == KazFile::Kind::Directory;
+}
+
 } // namespace
-
-KazFile* KazFile::child(std::uint16_t wanted)
-{
-    const auto found = std::find_if(children.begin(), children.end(),
-                                    [&](const KazFile& file) { return file.id == wanted; });
-    return found == children.end() ? nullptr : &*found;
-}
-
-const KazFile* KazFile::child(std::uint16_t wanted) const
-{
-    const auto found = std::find_if(children.begin(), children.end(),
-                                    [&](const KazFile& file) { return file.id == wanted; });
-    return found == children.end() ? nullptr : &*found;
-}
 
 KazFile kazDirectory(std::uint16_t id)
 {
@@ -239,22 +242,39 @@ KazFile kazKeyFile(std::uint16_t id, std::uint8_t keyKind, KazKey key)
     return file;
 }
 
-KazFile* kazFind(KazFile& master, std::span<const std::uint16_t> path)
+KazFile* kazFind(KazFiles& files, const KazPath& path)
 {
-    KazFile* at = &master;
-    for (const std::uint16_t step : path) {
-        at = at != nullptr ? at->child(step) : nullptr;
-    }
-    return at;
+    const auto found = files.find(path);
+    return found == files.end() ? nullptr : &found->second;
 }
 
-const KazFile* kazFind(const KazFile& master, std::span<const std::uint16_t> path)
+const KazFile* kazFind(const KazFiles& files, const KazPath& path)
 {
-    const KazFile* at = &master;
-    for (const std::uint16_t step : path) {
-        at = at != nullptr ? at->child(step) : nullptr;
+    const auto found = files.find(path);
+    return found == files.end() ? nullptr : &found->second;
+}
+
+KazPath kazBelow(KazPath directory, std::uint16_t id)
+{
+    directory.push_back(id);
+    return directory;
+}
+
+void kazAdd(KazFiles& files, const KazPath& directory, KazFile file)
+{
+    if (!isDirectory(files, directory)) {
+        throw std::invalid_argument("the token has no directory for this file");
     }
-    return at;
+    const KazPath path = kazBelow(directory, file.id);
+    files.insert_or_assign(path, std::move(file));
+}
+
+void kazRemove(KazFiles& files, const KazPath& path)
+{
+    std::erase_if(files, [&](const auto& entry) {
+        return entry.first.size() >= path.size() &&
+               std::equal(path.begin(), path.end(), entry.first.begin());
+    });
 }
 
 Bytes kazControlParameters(const KazFile& file)
@@ -293,21 +313,32 @@ std::optional<KazFile> kazFileToCreate(std::span<const std::uint8_t> parameters)
     }
 }
 
-Bytes packKazFiles(const KazFile& master)
+Bytes packKazFiles(const KazFiles& files)
 {
     Bytes out;
-    pack(out, master);
+    for (const auto& [path, file] : files) {
+        pack(out, path, file);
+    }
     return out;
 }
 
-KazFile unpackKazFiles(std::span<const std::uint8_t> packed)
+// Directories come before what is below them: paths are in order.
+KazFiles unpackKazFiles(std::span<const std::uint8_t> packed)
 {
+    KazFiles files;
     Cursor cursor(packed);
-    KazFile master = unpack(cursor, 0);
-    if (!cursor.atEnd()) {
-        throw std::runtime_error("something stands behind the files");
-    }
-    return master;
+    do {
+        const KazPath path = pathIn(cursor);
+        const bool placed = path.empty() ? files.empty()
+                                         : isDirectory(files, {path.begin(), path.end() - 1}) &&
+                                               !files.contains(path);
+        KazFile file = fileIn(cursor, path.empty() ? MASTER_FILE : path.back());
+        if (!placed || (path.empty() && file.kind != KazFile::Kind::Directory)) {
+            throw std::runtime_error("a file has no place");
+        }
+        files.emplace(path, std::move(file));
+    } while (!cursor.atEnd());
+    return files;
 }
 
 } // namespace sim

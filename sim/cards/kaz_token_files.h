@@ -1,4 +1,4 @@
-// The files of a simulated KAZTOKEN: a tree of directories, transparent files and key files.
+// The files of a simulated KAZTOKEN: directories, transparent files and key files.
 #pragma once
 
 #include "sim/cards/card.h"
@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -39,14 +40,14 @@ struct KazFile {
     std::uint16_t size = 0;
     std::uint8_t keyKind = 0; // of a key file: KAZ_RSA or KAZ_GOST
     std::array<std::uint8_t, 15> security{};
-    Bytes content;                 // of a transparent file, size bytes
-    KazKey key;                    // of a key file, once it has been generated
-    std::vector<KazFile> children; // of a directory, in the order of their making
+    Bytes content; // of a transparent file, size bytes
+    KazKey key;    // of a key file, once it has been generated
 
     Need need(Act act) const { return static_cast<Need>(security[static_cast<std::size_t>(act)]); }
-    KazFile* child(std::uint16_t wanted); // null if there is none
-    const KazFile* child(std::uint16_t wanted) const;
 };
+
+// Every file under its path, the master file under the empty one.
+using KazFiles = std::map<KazPath, KazFile>;
 
 inline constexpr std::uint8_t KAZ_RSA = 0x23;
 inline constexpr std::uint8_t KAZ_GOST = 0x03;
@@ -55,9 +56,17 @@ KazFile kazDirectory(std::uint16_t id);
 KazFile kazTransparent(std::uint16_t id, Bytes content); // at most 32,767 bytes
 KazFile kazKeyFile(std::uint16_t id, std::uint8_t keyKind, KazKey key);
 
-// Null if a step of the path is missing or stands below something that is no directory.
-KazFile* kazFind(KazFile& master, std::span<const std::uint16_t> path);
-const KazFile* kazFind(const KazFile& master, std::span<const std::uint16_t> path);
+// Null if there is none.
+KazFile* kazFind(KazFiles& files, const KazPath& path);
+const KazFile* kazFind(const KazFiles& files, const KazPath& path);
+
+// The path of a file below a directory.
+KazPath kazBelow(KazPath directory, std::uint16_t id);
+
+// Puts a file below a directory that is there; std::invalid_argument without one.
+void kazAdd(KazFiles& files, const KazPath& directory, KazFile file);
+// Takes a file away, with everything below it.
+void kazRemove(KazFiles& files, const KazPath& path);
 
 // The file control parameters that SELECT answers with:
 //     62 L  80 02 size  82 02 kind 00  [85 06 key kind 00 00 00 00 00]  83 02 id  86 0F security
@@ -69,8 +78,8 @@ Bytes kazControlParameters(const KazFile& file);
 // kind and a directory's 0010.
 std::optional<KazFile> kazFileToCreate(std::span<const std::uint8_t> parameters);
 
-// A tree as bytes, and back; std::runtime_error for bytes that no tree gives.
-Bytes packKazFiles(const KazFile& master);
-KazFile unpackKazFiles(std::span<const std::uint8_t> packed);
+// Files as bytes, and back; std::runtime_error for bytes that no files give.
+Bytes packKazFiles(const KazFiles& files);
+KazFiles unpackKazFiles(std::span<const std::uint8_t> packed);
 
 } // namespace sim

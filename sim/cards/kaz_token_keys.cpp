@@ -170,8 +170,8 @@ Bytes KazToken::keyPair(const Command& command)
 
 Bytes KazToken::generate(std::uint8_t id)
 {
-    KazFile* const privateFile = kazFind(master_, kazPairFile(0x6001, id));
-    KazFile* const publicFile = kazFind(master_, kazPairFile(0x6002, id));
+    KazFile* const privateFile = kazFind(files_, kazPairFile(0x6001, id));
+    KazFile* const publicFile = kazFind(files_, kazPairFile(0x6002, id));
     if (privateFile == nullptr || publicFile == nullptr) {
         return status(OBJECT_NOT_FOUND);
     }
@@ -195,7 +195,7 @@ Bytes KazToken::generate(std::uint8_t id)
 
 Bytes KazToken::publicKey(std::uint8_t id, const Command& command) const
 {
-    const KazFile* const held = kazFind(master_, kazPairFile(0x6002, id));
+    const KazFile* const held = kazFind(files_, kazPairFile(0x6002, id));
     if (held == nullptr || !held->key) {
         return status(OBJECT_NOT_FOUND);
     }

@@ -48,7 +48,7 @@ std::uint16_t numberIn(const StateRecords& records, Tag tag)
     return static_cast<std::uint16_t>((value[0] << 8) | value[1]);
 }
 
-KazFile filesIn(const StateRecords& records)
+KazFiles filesIn(const StateRecords& records)
 {
     try {
         return unpackKazFiles(stateRecord(records, FILES));
@@ -71,7 +71,7 @@ Bytes KazToken::state() const
     records[PIN] = Bytes(pin_.begin(), pin_.end());
     records[BLOCKED_PIN_STATUS] = numberRecord(blockedPin_);
     records[GENERATED_GOST] = {static_cast<std::uint8_t>(generatedGost_)};
-    records[FILES] = packKazFiles(master_);
+    records[FILES] = packKazFiles(files_);
     return packState(MAGIC, records);
 }
 
@@ -87,7 +87,7 @@ void KazToken::restore(std::span<const std::uint8_t> state)
     read.pin_.assign(pin.begin(), pin.end());
     read.blockedPin_ = numberIn(records, BLOCKED_PIN_STATUS);
     read.generatedGost_ = static_cast<GostAlgorithm>(byteIn(records, GENERATED_GOST, 1));
-    read.master_ = filesIn(records);
+    read.files_ = filesIn(records);
     ++read.revision_;
     read.reset();
     *this = std::move(read);

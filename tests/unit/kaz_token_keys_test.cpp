@@ -65,7 +65,7 @@ TEST(KazTokenRsa, RefusesWhatIsNoWholePaddedBlock)
     KazToken token;
     walk(token, {RIGHT_PIN, useRsaKey("03")});
     const Bytes data(32, 0xA5);
-    const auto commands = signCommands(data, 128);
+    const std::pair<std::string, std::string> commands = signCommands(data, 128);
     const std::string& first = commands.first;
     const std::string& last = commands.second;
     EXPECT_EQ("6985", ask(token, last)) << "without its first part";

@@ -113,17 +113,23 @@ TEST(KazTokenState, WhatIsNoStateLeavesTheTokenAsItWas)
     files.resize(files.size() - 2);
     refused(0x10, files);
     files = records.at(0x10);
-    files[2] = 0x39; // the master file's kind
+    files[1] = 0x39; // the master file's kind
     refused(0x10, files);
-    // Directories inside one another without end.
-    const Bytes head(files.begin(), files.begin() + 23);
-    Bytes deep;
-    for (int level = 0; level < 20; ++level) {
-        deep.insert(deep.end(), head.begin(), head.end());
-        deep[deep.size() - 21] = 0x38;
-        deep.insert(deep.end(), {0x00, 0x01});
-    }
-    refused(0x10, deep);
+    files[1] = 0x01; // a transparent file with others below it
+    refused(0x10, files);
+    // The master file twice, and a file below a directory that is missing.
+    const Bytes head(records.at(0x10).begin(), records.at(0x10).begin() + 22);
+    refused(0x10, [&] {
+        Bytes twice = head;
+        twice.insert(twice.end(), head.begin(), head.end());
+        return twice;
+    }());
+    refused(0x10, [&] {
+        Bytes orphan = head;
+        orphan.insert(orphan.end(), {0x02, 0x10, 0x00, 0x10, 0x10});
+        orphan.insert(orphan.end(), head.begin() + 1, head.end());
+        return orphan;
+    }());
     EXPECT_THROW(token.restore(hex("00")), StateError);
     EXPECT_THROW(token.restore(packState("VELTIDC1", records)), StateError);
 }

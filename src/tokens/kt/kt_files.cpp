@@ -33,7 +33,7 @@ constexpr std::uint64_t TOO_LARGE = 3;
 constexpr std::uint64_t NOT_WRITTEN = 6;
 constexpr std::uint64_t CHUNK_REFUSED = 10;
 
-// Stores the last reply's data if all of it has its place. Counts it in any case.
+// Stores the last reply's data as far as it has its place, and counts all of it. Whether it fits.
 bool storeReply(ByteRoom buffer, std::size_t place, velt::FileReading& reading) noexcept
 {
     const ByteView data = velt::replyData();
@@ -43,12 +43,6 @@ bool storeReply(ByteRoom buffer, std::size_t place, velt::FileReading& reading) 
     const bool fits = data.size() <= room.size() && reading.total <= buffer.size();
     reading.fits = reading.fits && fits;
     return fits;
-}
-
-// The length of the record at the start of `records`, without its terminator.
-std::size_t recordLengthAt(ByteView records) noexcept
-{
-    return velt::textLength(records);
 }
 
 void takeRecord(ByteView record) noexcept
@@ -68,7 +62,7 @@ std::size_t findRecord(ByteView image, ByteView record) noexcept
     std::size_t position = MAPFILE_HEADER.size();
     while (position < image.size() && record.front() != 0) {
         const ByteView rest = image.subspan(position);
-        const std::size_t length = recordLengthAt(rest);
+        const std::size_t length = velt::textLength(rest);
         if (std::ranges::equal(rest.first(length), record)) {
             return position;
         }
@@ -95,6 +89,9 @@ bool appendRecord(ByteView old, ByteView record, MapImage& image) noexcept
 
 bool removeRecord(ByteView old, ByteView record, MapImage& image) noexcept
 {
+    if (old.size() > image.bytes.size() || record.empty()) {
+        return false;
+    }
     const std::size_t position = findRecord(old, record);
     if (position == old.size()) {
         return false;
@@ -211,7 +208,7 @@ std::uint64_t mapFileParser(const std::uint8_t* map, std::uint64_t length) noexc
     std::size_t position = MAPFILE_HEADER.size();
     while (position < image.size()) {
         const ByteView rest = image.subspan(position);
-        const ByteView record = rest.first(recordLengthAt(rest));
+        const ByteView record = rest.first(velt::textLength(rest));
         takeRecord(record);
         // Also of a record that was left out: the next key pair must not take its ID.
         lastID = record.empty() ? 0 : record.front();
