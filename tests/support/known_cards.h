@@ -31,11 +31,11 @@ constexpr std::array<KnownToken, 5> KNOWN_TOKENS{{
     {"the eToken 72K", "EToken 72K", 2, 0x7, "3B D5 18 00 81 31 FE 7D 80 73 C8 21 10 F4"},
 }};
 
-constexpr const KnownToken& ID_CARD = KNOWN_TOKENS[0];
-constexpr const KnownToken& NEWER_ID_CARD = KNOWN_TOKENS[1];
-constexpr const KnownToken& JACARTA = KNOWN_TOKENS[2];
-constexpr const KnownToken& KAZTOKEN = KNOWN_TOKENS[3];
-constexpr const KnownToken& ETOKEN_72K = KNOWN_TOKENS[4];
+constexpr KnownToken ID_CARD = KNOWN_TOKENS[0];
+constexpr KnownToken NEWER_ID_CARD = KNOWN_TOKENS[1];
+constexpr KnownToken JACARTA = KNOWN_TOKENS[2];
+constexpr KnownToken KAZTOKEN = KNOWN_TOKENS[3];
+constexpr KnownToken ETOKEN_72K = KNOWN_TOKENS[4];
 
 // A card that refuses every command with 6F 00.
 inline std::shared_ptr<sim::ScriptedCard> refusingCard(sim::Bytes atr, unsigned long protocol = T0)
