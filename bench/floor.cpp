@@ -127,13 +127,26 @@ std::vector<Exchange> record(const Operation& operation)
     return recorded;
 }
 
+// An operation that sends nothing to the card.
+void measureAlone(const std::string& family, const Operation& operation, std::size_t rounds)
+{
+    std::vector<double> times;
+    for (std::size_t round = 0; round < rounds; ++round) {
+        operation.before();
+        times.push_back(microseconds(operation.run));
+        operation.after();
+    }
+    std::printf("{\"family\": \"%s\", \"operation\": \"%s\", \"exchanges\": 0, "
+                "\"module_us\": %.1f}\n",
+                family.c_str(), operation.name, median(times));
+}
+
 // One pair: the operation and its commands right one after the other, either first in turn.
 void measure(const std::string& family, const Operation& operation, std::size_t pairs)
 {
     const std::vector<Exchange> exchanges = record(operation);
     if (exchanges.empty()) {
-        std::printf("{\"family\": \"%s\", \"operation\": \"%s\", \"exchanges\": 0}\n",
-                    family.c_str(), operation.name);
+        measureAlone(family, operation, pairs / 10);
         return;
     }
     Floor floor(pciOfConnection(), exchanges);
@@ -180,6 +193,13 @@ int main(int argc, char** argv)
         bench::require(module->C_GetAttributeValue(session.handle, certificate, &value, 1),
                        "C_GetAttributeValue");
     };
+    const auto listSlots = [&module] {
+        std::array<CK_SLOT_ID, 16> slots{};
+        CK_ULONG count = slots.size();
+        bench::require(module->C_GetSlotList(CK_TRUE, slots.data(), &count), "C_GetSlotList");
+    };
+    measure(argv[1], {"slot list", nothing, listSlots, nothing}, pairs);
+    reload();
     measure(argv[1],
             {"login", nothing, [&session] { session.login(); }, [&session] { session.logout(); }},
             pairs);
