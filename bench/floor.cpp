@@ -128,10 +128,11 @@ std::vector<Exchange> record(const Operation& operation)
 }
 
 // An operation that sends nothing to the card.
-void measureAlone(const std::string& family, const Operation& operation, std::size_t rounds)
+void measureAlone(const std::string& family, const Operation& operation)
 {
+    constexpr std::size_t ROUNDS = 21;
     std::vector<double> times;
-    for (std::size_t round = 0; round < rounds; ++round) {
+    for (std::size_t round = 0; round < ROUNDS; ++round) {
         operation.before();
         times.push_back(microseconds(operation.run));
         operation.after();
@@ -146,7 +147,7 @@ void measure(const std::string& family, const Operation& operation, std::size_t 
 {
     const std::vector<Exchange> exchanges = record(operation);
     if (exchanges.empty()) {
-        measureAlone(family, operation, pairs / 10);
+        measureAlone(family, operation);
         return;
     }
     Floor floor(pciOfConnection(), exchanges);
