@@ -133,7 +133,7 @@ class Report:
             f"Processor time of one call, card and PC/SC without delay (family {reference}; other "
             "families differ only in the signature). SoftHSM signs with the processor, hence the "
             "last row says only that; OpenSC has a PIV card that answers from memory. The fastest of "
-            "five rounds in turn, for each module alike. Command: `bench/run calls report`.",
+            "the rounds in turn, for each module alike. Command: `bench/run calls report`.",
             ("call", "velt", "SoftHSM 2", "times ours", "OpenSC", "times ours"), rows)
         if faster:
             least = min(faster)
@@ -180,8 +180,8 @@ class Report:
         self.section(
             "Instructions",
             "The module's own, with what it calls in zlib and the C library and without PC/SC, as "
-            "callgrind counts them: the same in every run. `bench/compare` fails when one rises by "
-            "more than 5 % over `bench/instructions.txt`. Command: `bench/run instructions "
+            "callgrind counts them, over a plain heap: the same in every run. `bench/compare` "
+            "fails when one rises by more than 5 % over `bench/instructions.txt`. Command: `bench/run instructions "
             "report`.",
             ["operation"] + list(counts), rows)
 
