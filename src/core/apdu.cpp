@@ -157,18 +157,25 @@ Command::Command(std::uint8_t cla, std::uint8_t ins, std::uint8_t p1, std::uint8
     put(std::array{cla, ins, p1, p2});
 }
 
+ByteRoom Command::claim(std::size_t size) noexcept
+{
+    if (size > commandBuffer.size() - length_) {
+        overflowed_ = true;
+        return {};
+    }
+    const std::size_t start = length_;
+    length_ += size;
+    return ByteRoom(commandBuffer).subspan(start, size);
+}
+
 Command& Command::put(std::uint8_t byte) noexcept
 {
-    return put(ByteView(&byte, 1));
+    return putRepeated(byte, 1);
 }
 
 Command& Command::put(ByteView bytes) noexcept
 {
-    if (bytes.size() > commandBuffer.size() - length_) {
-        overflowed_ = true;
-    } else {
-        length_ += copyBounded(ByteRoom(commandBuffer).subspan(length_), bytes);
-    }
+    copyBounded(claim(bytes.size()), bytes);
     return *this;
 }
 
@@ -179,6 +186,19 @@ Command& Command::putCounted(ByteView bytes) noexcept
         return *this;
     }
     return put(lowByte(bytes.size())).put(bytes);
+}
+
+Command& Command::putTurned(ByteView bytes) noexcept
+{
+    const ByteRoom room = claim(bytes.size());
+    std::ranges::reverse_copy(bytes.first(room.size()), room.begin());
+    return *this;
+}
+
+Command& Command::putRepeated(std::uint8_t byte, std::size_t count) noexcept
+{
+    fill(claim(count), byte);
+    return *this;
 }
 
 ByteView Command::bytes() const noexcept

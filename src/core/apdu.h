@@ -58,12 +58,17 @@ public:
     Command& put(ByteView bytes) noexcept;
     // Lc, the low eight bits of the size, then the bytes.
     Command& putCounted(ByteView bytes) noexcept;
+    // The last byte first.
+    Command& putTurned(ByteView bytes) noexcept;
+    Command& putRepeated(std::uint8_t byte, std::size_t count) noexcept;
 
     bool overflowed() const noexcept { return overflowed_; }
     ByteView bytes() const noexcept;
     void wipe() noexcept; // after a command that carried a PIN
 
 private:
+    ByteRoom claim(std::size_t size) noexcept; // empty, and the command marked, if it does not fit
+
     std::size_t length_ = 0;
     bool overflowed_ = false;
 };

@@ -2,6 +2,8 @@
 
 #include "src/core/bytes.h"
 
+#include <cstring>
+
 // Zero at load time, so that the module's data needs no initialisation.
 CertAttr certAttrTempl;
 PubKeyAttr pubKeyAttrTempl;
@@ -59,4 +61,9 @@ void velt::initAttrTemplates() noexcept
     if (privKeyAttrTempl.local != SET) {
         initPrivateKey(privKeyAttrTempl);
     }
+}
+
+void velt::setCertificateDefaults(CertAttr& zeroed) noexcept
+{
+    std::memcpy(&zeroed, &certAttrTempl, offsetof(CertAttr, startDate));
 }

@@ -86,4 +86,8 @@ namespace velt {
 // Sets up each default block once per process.
 void initAttrTemplates() noexcept;
 
+// Gives a zeroed block a certificate's defaults. Only the fields before the dates have any: copying
+// the rest would touch its memory for nothing.
+void setCertificateDefaults(CertAttr& zeroed) noexcept;
+
 } // namespace velt

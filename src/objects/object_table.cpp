@@ -50,6 +50,7 @@ void dropTable() noexcept
 {
     VELTObj = nullptr;
     tableSize = 0;
+    velt::restartSearch();
 }
 
 // Zeroed, because a length of 0 means "not read yet".
@@ -164,6 +165,7 @@ bool growObjects(std::size_t entries) noexcept
     }
     VELTObj = static_cast<ObjectEntry*>(room);
     tableSize = entries;
+    restartSearch();
     for (ObjectEntry& entry : table().subspan(before)) {
         std::memset(&entry, 0, sizeof entry);
         entry.handle = REMOVED_MARKER;

@@ -31,6 +31,11 @@ std::array<std::uint64_t, 16> firstMarks{}; // enough for every token that exist
 std::uint64_t* handedOut = firstMarks.data();
 std::size_t handedOutWords = firstMarks.size();
 
+// Positions before this one need no second look: they were handed out, or do not match and will not
+// before the table or the template changes. A search in many steps then costs what one step would.
+std::uint64_t nextPosition = 0;
+bool askedCard = false; // by the walk that goes on
+
 bool wasHandedOut(std::uint64_t position) noexcept
 {
     return ((handedOut[position / WORD_BITS] >> (position % WORD_BITS)) & 1) != 0;
@@ -273,6 +278,7 @@ std::uint64_t certificateScore(CK_SESSION_HANDLE hSession, std::uint64_t positio
         return 0;
     }
     if (attr->valueLen == 0) {
+        askedCard = true;
         velt::callDriver(&TokenDriver::GetCertificate, hSession, position);
     }
     auto& wanted = *static_cast<CertAttr*>(pTempl->attrs);
@@ -307,25 +313,25 @@ bool matches(CK_SESSION_HANDLE hSession, std::uint64_t position) noexcept
     return score >= ulTCount;
 }
 
-// Hands out up to `limit` new handles, any number for 0; returns how many. Starts from the first
-// position each time: an object may have come to match since.
+// Hands out up to `limit` new handles, any number for 0; returns how many. After a walk that had to
+// ask the card the next one starts from the first position: an object may have come to match.
 std::uint64_t handOut(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE* phObject,
                       std::uint64_t limit) noexcept
 {
     const std::uint64_t end = std::min<std::uint64_t>(ulObjCount, velt::objectTableSize());
     std::uint64_t found = 0;
-    for (std::uint64_t position = 0; position < end; ++position) {
-        if (!matches(hSession, position) || wasHandedOut(position)) {
-            continue;
+    askedCard = false;
+    std::uint64_t position = nextPosition;
+    while (position < end && (limit == 0 || found < limit)) {
+        if (matches(hSession, position) && !wasHandedOut(position)) {
+            markHandedOut(position);
+            phObject[found] = velt::entryAt(position)->handle;
+            ++found;
+            ++tObjCount;
         }
-        markHandedOut(position);
-        phObject[found] = velt::entryAt(position)->handle;
-        ++found;
-        ++tObjCount;
-        if (found == limit) {
-            break;
-        }
+        ++position;
     }
+    nextPosition = askedCard ? 0 : position;
     return found;
 }
 
@@ -334,7 +340,8 @@ std::uint64_t handOut(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE* phObject,
 CK_RV VELT_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE* pTemplate,
                            CK_ULONG ulCount) noexcept
 {
-    ulTCount = 0;
+    ulTCount = 0; // also for a search that goes on
+    velt::restartSearch();
     if (const CK_RV result = checkFindInit(hSession); result != CKR_OK) {
         return result;
     }
@@ -390,6 +397,11 @@ CK_RV VELT_FindObjectsFinal(CK_SESSION_HANDLE hSession) noexcept
     ulTCount = 0;
     bFindInit = 0;
     return velt::report("FindObjectsFinal CKR_OK", CKR_OK);
+}
+
+void velt::restartSearch() noexcept
+{
+    nextPosition = 0;
 }
 
 bool velt::coverPositions(std::size_t positions) noexcept

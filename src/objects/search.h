@@ -20,6 +20,9 @@ CK_RV VELT_FindObjectsFinal(CK_SESSION_HANDLE hSession) noexcept;
 
 namespace velt {
 
+// The table has changed: objects that a search has passed may match now.
+void restartSearch() noexcept;
+
 // Makes room for marking as many positions of the object table as handed out; what is marked stays
 // marked. False: out of memory, and nothing has changed.
 bool coverPositions(std::size_t positions) noexcept;

@@ -72,7 +72,7 @@ CK_RV appendCertificate(const TokenObject& object) noexcept
     if (attr == nullptr) {
         return LOAD_NO_MEMORY;
     }
-    *attr = certAttrTempl;
+    setCertificateDefaults(*attr);
     countObject(object, CKO_CERTIFICATE, CK_FALSE);
     return LOAD_DONE;
 }

@@ -107,6 +107,27 @@ TEST_F(ApduCommandTest, BytesThatDoNotFitWriteNothing)
     EXPECT_EQ(full, bytesOf(command.bytes()));
 }
 
+TEST_F(ApduCommandTest, BytesAreTurnedRoundAndRepeated)
+{
+    Command command(0x00, 0x2A, 0x9E, 0x9A);
+    command.putTurned(hex("01 02 03")).putTurned(ByteView{});
+    command.putRepeated(0xFF, 4).putRepeated(0xEE, 0).put(0x05);
+    EXPECT_FALSE(command.overflowed());
+    EXPECT_EQ(hex("00 2A 9E 9A 03 02 01 FF FF FF FF 05"), bytesOf(command.bytes()));
+}
+
+TEST_F(ApduCommandTest, TurnedAndRepeatedBytesThatDoNotFitWriteNothing)
+{
+    for (const bool turned : {false, true}) {
+        Command command(0x00, 0x2A, 0x9E, 0x9A);
+        command.put(ramp(velt::COMMAND_SIZE - 6));
+        const Bytes before = bytesOf(command.bytes());
+        turned ? command.putTurned(hex("01 02 03")) : command.putRepeated(0xFF, 3);
+        EXPECT_TRUE(command.overflowed());
+        EXPECT_EQ(before, bytesOf(command.bytes()));
+    }
+}
+
 TEST_F(ApduCommandTest, ACommandThatOverflowedOnceStaysMarked)
 {
     Command command(0x00, 0x88, 0x02, 0x00);

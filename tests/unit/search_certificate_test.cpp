@@ -222,6 +222,30 @@ TEST_F(SearchCertificate, ACertificateThatCannotBeReadIsComparedAsItStands)
     EXPECT_EQ(2U, scripted.calls.size()) << "asked again by each step";
 }
 
+TEST_F(SearchCertificate, ACertificateReadByALaterStepIsFoundAlthoughItWasPassed)
+{
+    makeTable(3);
+    addPublicKey("x");
+    addCertificate("x");
+    addLoadedCertificate("x");
+    scripted.getCertificate = [](std::uint64_t) { return CK_RV{2}; };
+    ASSERT_EQ(CKR_OK, init(certificates()
+                               .add(CKA_ISSUER, {0x30, 0x02})
+                               .add(CKA_SUBJECT, {0x30, 0x03})
+                               .add(CKA_SERIAL_NUMBER, {0x02, 0x04})
+                               .add(CKA_VALUE, {0x30, 0x01})));
+    EXPECT_EQ((Handles{3}), next(1, 1));
+    scripted.getCertificate = [](std::uint64_t position) {
+        CertAttr& attr = *velt::certificateOf(velt::entryAt(position));
+        setField(attr.value, attr.valueLen, {0x30, 0x01});
+        setField(attr.issuer, attr.issuerLen, {0x30, 0x02});
+        setField(attr.subject, attr.subjectLen, {0x30, 0x03});
+        setField(attr.serial, attr.serialLen, {0x02, 0x04});
+        return CKR_OK;
+    };
+    EXPECT_EQ((Handles{2}), next(1, 1));
+}
+
 TEST_F(SearchCertificate, ADriverThatCannotReadCertificatesIsNotAsked)
 {
     makeTable(1);

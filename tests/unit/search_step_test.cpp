@@ -259,6 +259,25 @@ TEST_F(SearchStep, MarksStayWithTheHandlesThroughAReload)
     EXPECT_EQ((Handles{}), next(0, 500));
 }
 
+TEST_F(SearchStep, AReloadLetsObjectsMatchThatWerePassedBefore)
+{
+    makeMixedTable();
+    ASSERT_EQ(CKR_OK, init(Template{}
+                               .addClass(CKO_PRIVATE_KEY)
+                               .add(CKA_ID, {0x88})
+                               .add(CKA_LABEL, bytesOf("other"))));
+    EXPECT_EQ((Handles{}), next(0, 10)); // to the end of the table
+    makeTable(3);
+    addPublicKey("other");
+    addPrivateKey("other").id[0] = 0x88;
+    EXPECT_EQ((Handles{2}), next(1, 1));
+    ASSERT_TRUE(velt::growObjects(100));
+    velt::entryAt(0)->objClass = CKO_PRIVATE_KEY;
+    velt::entryAt(0)->id[0] = 0x88;
+    ASSERT_TRUE(velt::growObjects(200));
+    EXPECT_EQ((Handles{1}), next(1, 1));
+}
+
 TEST_F(SearchStep, EmptyEntriesOfARebuiltTableAreNeverHandedOut)
 {
     makeMixedTable();

@@ -46,10 +46,7 @@ Command gostCommand(std::uint8_t p1, ByteView name, ByteView data) noexcept
 {
     Command command{APPLET_CLA, APPLET_INS_SIGN, p1, 0x00};
     putName(command.put(lowByte(namedSize(name) + data.size())), name);
-    for (std::size_t i = data.size(); i > 0; --i) {
-        command.put(data[i - 1]);
-    }
-    return command;
+    return command.putTurned(data);
 }
 
 void turnHalf(ByteRoom to, std::span<const std::uint8_t, APPLET_GOST_HALF> from) noexcept

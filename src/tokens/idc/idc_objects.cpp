@@ -83,7 +83,7 @@ CK_RV addCertificate(const IdcKeyPair& pair, const velt::ExpandedCertificate& ex
     if (attr == nullptr) {
         return LOAD_NO_MEMORY;
     }
-    *attr = certAttrTempl;
+    velt::setCertificateDefaults(*attr);
     velt::storeCertificate(*attr, expanded);
     makeEntry(pair.firstObject, CKO_CERTIFICATE, pair);
     return LOAD_DONE;

@@ -39,31 +39,20 @@ bool blockHolds(std::size_t size, std::size_t dataSize) noexcept
     return size >= PADDING_FRAME && dataSize <= size - PADDING_FRAME;
 }
 
-Command& putReversed(Command& command, ByteView data) noexcept
-{
-    for (std::size_t i = data.size(); i > 0; --i) {
-        command.put(data[i - 1]);
-    }
-    return command;
-}
-
 // Sends the PKCS#1 block (RFC 8017, 9.2) with its lowest byte first: the data turned round in a
 // chained command, then the padding.
 CK_RV signBlock(CK_SESSION_HANDLE hSession, std::size_t blockSize, ByteView data) noexcept
 {
     const std::size_t capacity = blockSize + velt::STATUS_SIZE;
     Command first{KT_CLA_CHAINED, KT_INS_PERFORM_SECURITY, KT_P1_SIGNATURE, KT_P2_SIGN_INPUT};
-    putReversed(first.put(velt::lowByte(data.size())), data);
+    first.put(velt::lowByte(data.size())).putTurned(data);
     std::uint64_t result = exchange(hSession, first, capacity);
     if (result != 0) {
         return refuse("KAZTOKEN Sign 1 APDU sign RSA error ", result);
     }
     const std::size_t rest = blockSize - data.size();
     Command last{KT_CLA, KT_INS_PERFORM_SECURITY, KT_P1_SIGNATURE, KT_P2_SIGN_INPUT};
-    last.put(velt::lowByte(rest)).put(0x00);
-    for (std::size_t i = PADDING_FRAME; i < rest; ++i) {
-        last.put(0xFF);
-    }
+    last.put(velt::lowByte(rest)).put(0x00).putRepeated(0xFF, rest - PADDING_FRAME);
     last.put(0x01).put(0x00).put(KT_LE_RSA);
     result = exchange(hSession, last, capacity);
     return result == 0 ? CKR_OK : refuse("KAZTOKEN Sign 2 APDU sign RSA error ", result);
