@@ -35,6 +35,7 @@ fail() {
     echo "FAILED: $1" >&2
     [ ! -s out ] || sed 's/^/  out: /' out >&2
     [ ! -s err ] || sed 's/^/  err: /' err >&2
+    tail -n 4 "$VELT_WORLD_DIR"/pcscd.log "$VELT_WORLD_DIR"/card-*.log | cut -c 1-200 >&2
     exit 1
 }
 
@@ -157,4 +158,15 @@ all_commands() {
 slot_listings() {
     [ -e "${PKCS11SPY_OUTPUT:-}" ] || { echo 0 && return; }
     grep -cE '^[0-9]+: C_GetSlotList' "$PKCS11SPY_OUTPUT" || true
+}
+
+# listening PORT: whether a server does, in this world.
+listening() {
+    grep -qE "^ *[0-9]+: [0-9A-F]+:$(printf %04X "$1") 0+:0000 0A" /proc/net/tcp /proc/net/tcp6
+}
+
+# issue NAME CERTIFICATE [KEY]: a certificate in PEM, of a key made at once.
+issue() {
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout "${3:-/dev/null}" \
+        -days 30 -subj "/C=KZ/ST=Region/L=City/O=Somebody/OU=Unit/CN=$1" -out "$2" 2>/dev/null
 }

@@ -10,10 +10,6 @@ in_world --card "--family $family --trace"
 work_directory
 results_of pkcs11-tool opensc "$family"
 
-issue() { # name, file
-    openssl req -x509 -newkey rsa:2048 -nodes -keyout /dev/null -days 30 -outform DER \
-        -subj "/C=KZ/ST=Region/L=City/O=Somebody/OU=Unit/CN=$1" -out "$2" 2>/dev/null
-}
 write() { # file, options
     client --login --pin "$pin" --write-object "$1" --type cert "${@:2}"
 }
@@ -31,9 +27,10 @@ label_of() { # ID
     awk -v id="$1" '$1 == "label:" { label = $2 } $1 == "ID:" && $2 == id { print label; exit }' \
         "$root/tests/e2e/expected/$family.objects"
 }
-issue First first.der
-issue Second second.der
-issue Third third.der
+for name in first second third; do
+    issue "$name" "$name.pem"
+    openssl x509 -in "$name.pem" -outform DER -out "$name.der"
+done
 last=${gost_id:-88}
 
 row writing no "--write-object before --login"
