@@ -15,7 +15,7 @@ keytool() { # line of the configuration
     status=0
     "$java/keytool" -J-XX:TieredStopAtLevel=1 -J-Xshare:auto -keystore NONE -storetype PKCS11 \
         -storepass "$pin" -providerClass sun.security.pkcs11.SunPKCS11 -providerArg java.cfg \
-        -list >out 2>err </dev/null || status=$?
+        -v -list >out 2>err </dev/null || status=$?
 }
 
 row listing ok "SunPKCS11 with slotListIndex = 0"
