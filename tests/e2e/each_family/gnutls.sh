@@ -18,7 +18,7 @@ run() {
 }
 expect_refusal() { # what the client says of it
     [ "$status" -eq 1 ] || fail "the client ended with status $status, not 1"
-    cat out err | grep -qF "$1" || fail "the client does not say: $1"
+    grep -qF -- "$1" out err || fail "the client does not say: $1"
 }
 percent() { # bytes in hexadecimal, for a URL
     sed 's/../%&/g' <<<"$1"

@@ -18,7 +18,7 @@ expect_status() {
     [ "$status" -eq "$1" ] || fail "the client ended with status $status, not $1"
 }
 expect_text() {
-    cat out err | grep -qF -- "$1" || fail "the client does not say: $1"
+    grep -qF -- "$1" out err || fail "the client does not say: $1"
 }
 
 # An authority of our own certifies the token's keys. Authorities named with six attributes leave a
@@ -30,12 +30,13 @@ authority() { # name, subject
 certify() { # authority, serial number, public key, name, file
     openssl req -new -key "$1.key" -subj "/C=KZ/CN=$4" -out request 2>/dev/null
     openssl x509 -req -in request -CA "$1.pem" -CAkey "$1.key" -set_serial "$2" -days 20 \
-        -force_pubkey "$3" -outform DER -out "$5" 2>/dev/null
+        -extfile extensions -force_pubkey "$3" -outform DER -out "$5" 2>/dev/null
 }
 put() { # certificate, ID
     client --login --pin "$pin" --write-object "$1" --type cert --id "$2"
     expect_success
 }
+echo 'basicConstraints = CA:FALSE' >extensions # which make it version 3
 authority six "/C=KZ/ST=Region/L=City/O=Somebody/OU=Unit/CN=Six"
 authority two "/C=KZ/CN=Two"
 for id in "$first" "$second"; do
@@ -104,18 +105,16 @@ expect_status 0
 
 selfserv -d sql:server -n server -p 44330 -rr -V tls1.2: >server.log 2>&1 &
 await listening 44330
-# connect NUMBER VERSIONS: with certificate 1 or 2; the server's page, if there is a connection.
+# connect NUMBER VERSIONS: with certificate 1 or 2, until the handshake is over.
 connect() {
-    status=0
-    printf 'GET / HTTP/1.0\r\n\r\n' | timeout 60 tstclnt -d sql:user -h localhost -p 44330 \
-        -n "$token_label:${labels[$1 - 1]}" -W pin -V "$2" >out 2>err || status=$?
+    run tstclnt -d sql:user -h localhost -p 44330 -n "$token_label:${labels[$1 - 1]}" -W pin \
+        -V "$2" -Q
 }
 made=$(signatures)
 for number in 1 2; do
     row TLS ok "tstclnt, TLS 1.2, certificate $number of two well apart"
     connect "$number" tls1.2:tls1.2
     expect_status 0
-    expect_text "HTTP/1.0 200 OK"
     made=$((made + 1))
     expect_equal "$(signatures)" "$made" "signatures that the token was asked for"
 done
@@ -124,7 +123,6 @@ row TLS no "tstclnt, TLS 1.3"
 for versions in tls1.3:tls1.3 tls1.2:tls1.3; do
     connect 1 "$versions"
     expect_text "Failed to load a suitable client certificate"
-    ! grep -q '200 OK' out || fail "there is a connection"
 done
 expect_equal "$(signatures)" "$made" "signatures that the token was asked for"
 
@@ -142,12 +140,12 @@ put alike-1 "$first"
 put alike-2 "$second"
 row TLS ok "tstclnt, TLS 1.2, certificate 1 of two too much alike"
 connect 1 tls1.2:tls1.2
-expect_text "HTTP/1.0 200 OK"
+expect_status 0
 
 row TLS no "tstclnt, TLS 1.2, certificate 2 of two too much alike"
 made=$(signatures)
 connect 2 tls1.2:tls1.2
-! grep -q '200 OK' out || fail "there is a connection"
+[ "$status" -ne 0 ] || fail "there is a connection"
 expect_equal $(($(signatures) - made)) 1 "signatures that the token was asked for"
 
 # NSS gives a new certificate an ID of 20 bytes; the ID card looks at the first.
