@@ -98,6 +98,13 @@ power_cycle() {
     await_presence "$VELT_WORLD_DIR/card-1.noticed"
 }
 
+# keep_powered: for clients that now and then have no connection to the token. The service powers it
+# off when nobody has used it for some seconds, which a slow machine may take in between.
+keep_powered() {
+    "$VELT_PROGRAMS/velt-e2e-hold_readers" held &
+    await_presence held
+}
+
 first_reader_is_empty() {
     opensc-tool --list-readers | grep -qE '^0 +No '
 }

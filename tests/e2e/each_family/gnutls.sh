@@ -8,6 +8,7 @@ source "$root/tests/e2e/families.bash"
 family_facts "$1"
 in_world --card "$rsa_pairs --trace"
 work_directory
+keep_powered
 results_of p11tool gnutls-bin "$family"
 
 export GNUTLS_PIN=$pin

@@ -7,6 +7,7 @@ source "$root/tests/e2e/families.bash"
 family_facts "$1"
 in_world --card "$rsa_pairs --trace"
 work_directory
+keep_powered
 results_of Java openjdk-17-jre-headless "$family"
 
 java=$(dirname "$(find /usr/lib/jvm -path '*17-openjdk*/bin/keytool' | head -n 1)")

@@ -8,6 +8,7 @@ source "$root/tests/e2e/families.bash"
 family_facts "$1"
 in_world --card "$rsa_pairs --trace"
 work_directory
+keep_powered
 results_of NSS libnss3-tools "$family"
 
 run() {

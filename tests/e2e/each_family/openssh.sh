@@ -7,6 +7,7 @@ source "$root/tests/e2e/families.bash"
 family_facts "$1"
 in_world --card "$rsa_pairs --trace"
 work_directory
+keep_powered
 results_of OpenSSH openssh-client "$family"
 client_options=(-F /dev/null -p 2222 -o StrictHostKeyChecking=no -o UserKnownHostsFile=/dev/null
     -o PreferredAuthentications=publickey -o LogLevel=ERROR)

@@ -7,6 +7,7 @@ source "$root/tests/e2e/families.bash"
 family_facts "$1"
 in_world --card "$rsa_pairs --trace"
 work_directory
+keep_powered
 results_of OpenSSL libengine-pkcs11-openssl "$family"
 
 url="pkcs11:model=${model// /%20};id=%$first"

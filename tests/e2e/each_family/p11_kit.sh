@@ -7,6 +7,7 @@ source "$root/tests/e2e/families.bash"
 family_facts "$1"
 in_world --card "$rsa_pairs --trace"
 work_directory
+keep_powered
 results_of p11-kit p11-kit "$family"
 
 # The module in this world's list of modules, and nothing else.

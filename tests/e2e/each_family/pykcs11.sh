@@ -7,6 +7,7 @@ source "$root/tests/e2e/families.bash"
 family_facts "$1"
 in_world --card "$rsa_pairs --trace"
 work_directory
+keep_powered
 results_of PyKCS11 python3-pykcs11 "$family"
 
 printf 'Pay to the bearer\n' >letter
