@@ -21,9 +21,6 @@ expect_refusal() { # what the client says of it
     [ "$status" -eq 1 ] || fail "the client ended with status $status, not 1"
     grep -qF -- "$1" out err || fail "the client does not say: $1"
 }
-percent() { # bytes in hexadecimal, for a URL
-    sed 's/../%&/g' <<<"$1"
-}
 client --read-object --type pubkey --id "$first" --output-file public.der
 expect_success
 openssl pkey -pubin -inform DER -in public.der -out public.pem
@@ -55,37 +52,37 @@ else
 fi
 
 row reading ok "p11tool --export of a public key"
-run p11tool --export "$url;id=$(percent "$first");type=public"
+run p11tool --export "$url;id=%$first;type=public"
 expect_success
 sed '/^$/d' out >exported
 expect_same exported public.pem
 
 row reading ok "p11tool --login --export-pubkey of a private key"
-run p11tool --login --outfile exported --export-pubkey "$url;id=$(percent "$first");type=private"
+run p11tool --login --outfile exported --export-pubkey "$url;id=%$first;type=private"
 expect_success
 expect_same exported public.pem
 
 row reading no "p11tool --export, --export-chain of a certificate"
 for request in --export --export-chain; do
-    run p11tool "$request" "$url;id=$(percent "$first");type=cert"
+    run p11tool "$request" "$url;id=%$first;type=cert"
     expect_refusal "The requested data were not available."
 done
 
 row writing no "p11tool --login --delete of a certificate"
-run p11tool --login --batch --delete "$url;id=$(percent "$first");type=cert"
+run p11tool --login --batch --delete "$url;id=%$first;type=cert"
 expect_refusal "The requested data were not available."
 
 # The client asks for the length of a signature first, which costs the signature itself.
 row signing no "p11tool --login --test-sign"
-run p11tool --login --test-sign "$url;id=$(percent "$first");type=private"
+run p11tool --login --test-sign "$url;id=%$first;type=private"
 expect_refusal "Cannot sign data: PKCS #11 error."
 expect_equal "$(signatures)" 1 "signatures that the token was asked for"
 
 row signing no "certtool --generate-request"
 echo 'cn = "Somebody"' >template
 run certtool --generate-request --template template \
-    --load-privkey "$url;id=$(percent "$first");type=private" \
-    --load-pubkey "$url;id=$(percent "$first");type=public"
+    --load-privkey "$url;id=%$first;type=private" \
+    --load-pubkey "$url;id=%$first;type=public"
 expect_refusal "sign: PKCS #11 error."
 expect_equal "$(signatures)" 2 "signatures that the token was asked for"
 
@@ -96,7 +93,7 @@ openssl x509 -inform DER -in certificate.der -out certificate.pem
 openssl s_server -accept 44330 -cert server.pem -key server.key -Verify 1 -quiet >server.log 2>&1 &
 await listening 44330
 run gnutls-cli --priority NORMAL:-VERS-TLS1.3 --port 44330 --insecure --x509certfile certificate.pem \
-    --x509keyfile "$url;id=$(percent "$first");type=private" localhost
+    --x509keyfile "$url;id=%$first;type=private" localhost
 expect_refusal "PKCS #11 error."
 expect_equal "$(signatures)" 3 "signatures that the token was asked for"
 

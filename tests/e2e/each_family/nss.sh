@@ -97,7 +97,7 @@ run certutil -K -d sql:user -h "$token_label" -f pin
 expect_status 0
 expect_equal "$(grep -c ' rsa ' out)" 2 "keys"
 
-row login no "certutil -K with a wrong PIN"
+row login ok "certutil -K refuses a wrong PIN"
 printf '%s\n' "$wrong_pin" >wrong-pin
 run certutil -K -d sql:user -h "$token_label" -f wrong-pin
 expect_status 255

@@ -47,7 +47,7 @@ expect_equal "$(commands 'verify the PIN')" 0 "PINs verified"
 cp out keys
 head -n 1 out >first.pub
 
-row login no "ssh-add -s with a wrong PIN"
+row login ok "ssh-add -s refuses a wrong PIN"
 TOKEN_PIN=$wrong_pin run ssh-add -s "$VELT_MODULE"
 [ "$status" -eq 1 ] || fail "the client ended with status $status, not 1"
 grep -q 'agent refused operation' err || fail "the agent does not refuse"
