@@ -35,6 +35,7 @@ fail() {
     echo "FAILED: $1" >&2
     [ ! -s out ] || sed 's/^/  out: /' out >&2
     [ ! -s err ] || sed 's/^/  err: /' err >&2
+    tail -n 4 "$VELT_WORLD_DIR"/pcscd.log "$VELT_WORLD_DIR"/card-*.log | cut -c 1-200 >&2
     exit 1
 }
 
@@ -97,6 +98,13 @@ power_cycle() {
     await_presence "$VELT_WORLD_DIR/card-1.noticed"
 }
 
+# keep_powered: for clients that now and then have no connection to the token. The service powers it
+# off when nobody has used it for some seconds, which a slow machine may take in between.
+keep_powered() {
+    "$VELT_PROGRAMS/velt-e2e-hold_readers" held &
+    await_presence held
+}
+
 first_reader_is_empty() {
     opensc-tool --list-readers | grep -qE '^0 +No '
 }
@@ -157,4 +165,15 @@ all_commands() {
 slot_listings() {
     [ -e "${PKCS11SPY_OUTPUT:-}" ] || { echo 0 && return; }
     grep -cE '^[0-9]+: C_GetSlotList' "$PKCS11SPY_OUTPUT" || true
+}
+
+# listening PORT: whether a server does, in this world.
+listening() {
+    grep -qE "^ *[0-9]+: [0-9A-F]+:$(printf %04X "$1") 0+:0000 0A" /proc/net/tcp /proc/net/tcp6
+}
+
+# issue NAME CERTIFICATE [KEY]: a certificate in PEM, of a key made at once.
+issue() {
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout "${3:-/dev/null}" \
+        -days 30 -subj "/C=KZ/ST=Region/L=City/O=Somebody/OU=Unit/CN=$1" -out "$2" 2>/dev/null
 }

@@ -53,7 +53,7 @@ row reading ok "the token by the start of its label"
 client --token-label "${token_label:0:6}" --list-objects
 expect_objects
 
-row login no "--login with a wrong PIN"
+row login ok "--login refuses a wrong PIN"
 client --login --pin "$wrong_pin" --list-objects
 expect_failure C_Login "$wrong_pin_code"
 expect_equal "$(commands 'verify the PIN')" 2 "PINs verified"
@@ -61,7 +61,7 @@ client --login --pin "$pin" --list-objects
 expect_success
 
 if [ "$family" = idc ]; then
-    row login no "--login with a PIN of other than four characters"
+    row login ok "--login keeps a PIN of other than four characters from the card"
     client --login --pin 12345 --list-objects
     expect_failure C_Login CKR_ARGUMENTS_BAD
     expect_equal "$(commands 'verify the PIN')" 3 "PINs verified"
@@ -83,7 +83,7 @@ expect_success
 openssl pkey -pubin -inform DER -in public.der -out public.pem
 expect_same public.pem in-certificate.pem
 
-row reading no "--read-object of an ID that is not there"
+row reading ok "--read-object tells of an ID that is not there"
 client --read-object --type cert --id 7F --output-file none
 [ "$status" -eq 1 ] || fail "there is a certificate 7F"
 grep -qx 'error: object not found' err || fail "the client does not say what is missing"
@@ -110,3 +110,20 @@ expect_equal "$(grep -A1 '^Slot 0' out | sed -n 's/^  \([a-z(]*\).*/\1/p' | tr '
     "token (empty token " "what the client saw in the first reader"
 grep -q 'C_WaitForSlotEvent failed: CKR_FUNCTION_NOT_SUPPORTED' err ||
     fail "C_WaitForSlotEvent gives another answer"
+
+# The ID card says that its PIN is blocked. The others are taken for logged in, until they refuse to
+# sign.
+[ "$family" = idc ] && outcome=ok || outcome=part
+row login "$outcome" "--login with a blocked PIN"
+for _ in 1 2 3; do
+    client --login --pin "$wrong_pin" --list-objects
+    expect_failure C_Login "$wrong_pin_code"
+done
+printf 'Pay to the bearer\n' >letter
+sign "$certified" letter none "$pin"
+if [ "$family" = idc ]; then
+    expect_failure C_Login CKR_PIN_LOCKED
+else
+    expect_failure C_Sign CKR_FUNCTION_FAILED
+fi
+[ ! -s none ] || fail "a blocked token signs"
