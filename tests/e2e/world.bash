@@ -134,7 +134,7 @@ row_flow=''
 # results_of CLIENT PACKAGE FAMILY: whose rows these are; the package tells the version.
 results_of() {
     row_client=$1
-    row_version=$(dpkg-query -W -f '${Version}' "$2" | sed -E 's/^[0-9]+://; s/-[^-]*$//')
+    row_version=$(dpkg-query -W -f '${Version}' "$2" | sed -E 's/^([0-9]+:)?([0-9]+\.[0-9]+(p[0-9]+)?).*/\2/')
     row_family=$3
     row_file=${VELT_RESULTS:-$PWD}/$(basename "$0" .sh)${3:+-$3}
     mkdir -p "$(dirname "$row_file")"

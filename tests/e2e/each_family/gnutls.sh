@@ -9,7 +9,7 @@ family_facts "$1"
 in_world --card "$rsa_pairs --trace"
 work_directory
 keep_powered
-results_of p11tool gnutls-bin "$family"
+results_of GnuTLS gnutls-bin "$family"
 
 export GNUTLS_PIN=$pin
 url="pkcs11:model=${model// /%20}"

@@ -23,7 +23,7 @@ grep -q 'skipping unsupported key type' err || fail "the client says nothing of 
 close_row
 mv "$row_file" "$row_file-ssh"
 
-results_of p11tool gnutls-bin "$family"
+results_of GnuTLS gnutls-bin "$family"
 row listing ok "p11tool --list-all with a GOST pair on the token"
 export GNUTLS_PIN=$pin
 run p11tool --provider "$VELT_MODULE" --list-all "pkcs11:model=${model// /%20}"
@@ -34,7 +34,7 @@ close_row
 mv "$row_file" "$row_file-gnutls"
 
 # The engine drops the unknown kind of key and takes the whole list for a failure.
-results_of OpenSSL libengine-pkcs11-openssl "$family"
+results_of "OpenSSL engine" libengine-pkcs11-openssl "$family"
 row signing no "openssl dgst -sign with a GOST pair on the token"
 cat >engine.cnf <<END
 openssl_conf = all

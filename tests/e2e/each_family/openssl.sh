@@ -8,7 +8,7 @@ family_facts "$1"
 in_world --card "$rsa_pairs --trace"
 work_directory
 keep_powered
-results_of OpenSSL libengine-pkcs11-openssl "$family"
+results_of "OpenSSL engine" libengine-pkcs11-openssl "$family"
 
 url="pkcs11:model=${model// /%20};id=%$first"
 configuration() { # lines of the engine's section
@@ -60,15 +60,21 @@ expect_equal "$(commands 'verify the PIN')" 0 "PINs verified"
 made=$(signatures)
 
 for name in "$url;type=private" "slot_0-id_$first"; do
-    row signing ok "openssl dgst -sign '${name/*;/pkcs11:...;}' with FORCE_LOGIN"
-    pins=$(commands 'verify the PIN')
+    row signing ok "openssl dgst -sign '${name%%[_:]*}...' with FORCE_LOGIN"
     with forced openssl dgst -sha256 "${engine[@]}" -sign "$name" -out signature letter
     expect_success
     openssl dgst -sha256 -verify public.pem -signature signature letter ||
         fail "the signature does not verify"
     expect_signatures 1
-    expect_equal $(($(commands 'verify the PIN') - pins)) 1 "PINs verified"
 done
+
+row login ok "FORCE_LOGIN = EMPTY"
+pins=$(commands 'verify the PIN')
+with forced openssl dgst -sha256 "${engine[@]}" -sign "$url;type=private" -out again letter
+expect_success
+expect_same again signature
+expect_signatures 1
+expect_equal $(($(commands 'verify the PIN') - pins)) 1 "PINs verified"
 
 row signing ok "openssl req -new"
 with forced openssl req -new "${engine[@]}" -key "$url;type=private" -subj /CN=Somebody -out request

@@ -48,7 +48,7 @@ close_row
 mv "$row_file" "$row_file-ssh"
 
 # Without a serial number the tokens' URIs are the same, and the engine logs in to none.
-results_of OpenSSL libengine-pkcs11-openssl "$family"
+results_of "OpenSSL engine" libengine-pkcs11-openssl "$family"
 cat >engine.cnf <<END
 openssl_conf = all
 [all]
