@@ -42,7 +42,7 @@ std::optional<std::span<const std::uint8_t>> shortData(std::span<const std::uint
 std::optional<std::span<const std::uint8_t>> extendedData(std::span<const std::uint8_t> command)
 {
     if (command.size() <= EXTENDED_HEADER_LENGTH || command[4] != 0x00 ||
-        command.size() != EXTENDED_HEADER_LENGTH + command[5] * 256U + command[6]) {
+        command.size() != EXTENDED_HEADER_LENGTH + std::size_t{command[5]} * 256 + command[6]) {
         return std::nullopt;
     }
     return command.subspan(EXTENDED_HEADER_LENGTH);
@@ -87,7 +87,7 @@ AppletCard::AppletCard(const AppletOptions& options, AppletObjects usualObjects)
     : retryLimit_(options.retryLimit),
       retriesLeft_(options.retryLimit),
       pin_(options.pin),
-      objects_(options.objects ? *options.objects : std::move(usualObjects))
+      objects_(options.objects.value_or(std::move(usualObjects)))
 {
     check(pin_, retryLimit_, objects_);
 }

@@ -205,6 +205,7 @@ Bytes KazToken::publicKey(std::uint8_t id, const Command& command) const
     return with(held->key.rsa ? turned(held->key.rsa.modulus()) : held->key.gost.publicKey(), DONE);
 }
 
+// A command like the others. NOLINTNEXTLINE(readability-convert-member-functions-to-static)
 Bytes KazToken::challenge(const Command& command)
 {
     if (!command.parameters(0x00, 0x00)) {

@@ -2,6 +2,10 @@
 
 #include "sim/cards/etoken_72k.h"
 
+#include <algorithm>
+#include <array>
+#include <string_view>
+
 namespace {
 
 using ServedEtoken72k = Served<sim::Etoken72k, sim::Etoken72k::words, sim::Etoken72k::secretLength>;
@@ -11,11 +15,12 @@ constexpr std::string_view OWN_OPTIONS =
   --unterminated-names      names are sent without a zero byte behind them
 )";
 
-const std::string& allOptions()
-{
-    static const std::string options = std::string(APPLET_OPTIONS) + std::string(OWN_OPTIONS);
-    return options;
-}
+// Those of both applets, then the eToken's own.
+constexpr auto ALL_OPTIONS = [] {
+    std::array<char, APPLET_OPTIONS.size() + OWN_OPTIONS.size()> text{};
+    std::ranges::copy(OWN_OPTIONS, std::ranges::copy(APPLET_OPTIONS, text.begin()).out);
+    return text;
+}();
 
 class Etoken72kSettings final : public CardSettings {
 public:
@@ -50,5 +55,7 @@ std::unique_ptr<CardSettings> etoken72kSettings()
 
 } // namespace
 
-const Family etoken72kFamily{
-    .name = "et72k", .title = "eToken 72K", .options = allOptions(), .settings = etoken72kSettings};
+const Family etoken72kFamily{.name = "et72k",
+                             .title = "eToken 72K",
+                             .options = {ALL_OPTIONS.data(), ALL_OPTIONS.size()},
+                             .settings = etoken72kSettings};

@@ -198,7 +198,7 @@ CK_RV fCreateObjectIDC(TokenDriver* /*table*/, CK_SESSION_HANDLE hSession, CK_AT
         return result;
     }
     result = writeCertificate(hSession, request.pair, stored.view());
-    if (result != CKR_OK) {
+    if (result != CKR_OK || request.pair == nullptr) {
         return result;
     }
     *phObject = request.pair->firstObject + 1;
