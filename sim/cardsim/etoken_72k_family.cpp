@@ -15,9 +15,9 @@ constexpr std::string_view OWN_OPTIONS =
   --unterminated-names      names are sent without a zero byte behind them
 )";
 
-// Those of both applets, then the eToken's own.
+// Those of both applets, then the eToken's own, terminated.
 constexpr auto ALL_OPTIONS = [] {
-    std::array<char, APPLET_OPTIONS.size() + OWN_OPTIONS.size()> text{};
+    std::array<char, APPLET_OPTIONS.size() + OWN_OPTIONS.size() + 1> text{};
     std::ranges::copy(OWN_OPTIONS, std::ranges::copy(APPLET_OPTIONS, text.begin()).out);
     return text;
 }();
@@ -57,5 +57,5 @@ std::unique_ptr<CardSettings> etoken72kSettings()
 
 const Family etoken72kFamily{.name = "et72k",
                              .title = "eToken 72K",
-                             .options = {ALL_OPTIONS.data(), ALL_OPTIONS.size()},
+                             .options = {ALL_OPTIONS.data(), ALL_OPTIONS.size() - 1},
                              .settings = etoken72kSettings};

@@ -316,7 +316,7 @@ TEST_P(KazTokenSizesTest, ACertificateFileOfAnySizeIsReadInBlocks)
                                    std::size_t{769}, std::size_t{1024}, std::size_t{4096}}) {
         SCOPED_TRACE(size);
         ASSERT_LE(member.size(), size);
-        // The name of the original file, in the member's header, takes any length.
+        // The file name in the gzip header takes any length.
         Bytes padded = member;
         if (size > member.size()) {
             padded[3] = 0x08;
